@@ -1,0 +1,155 @@
+// The data manager: owns the vendor quote API object, the callback sink, the
+// message queue that carries every vendor callback to the service threads,
+// the service threads themselves and the daily timer thread.
+#ifndef KELQUOTE_DATAMGR_DVDATAMGR_H_
+#define KELQUOTE_DATAMGR_DVDATAMGR_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "dataapi/DataApi.h"
+#include "datamgr/callback_pro.h"
+#include "datamgr/prelude.h"
+#include "market/calendar.h"
+#include "market/market_info.h"
+#include "port/port.h"
+
+namespace tavr {
+
+// One queued vendor callback. The envelope owns data, a malloc'd copy of the
+// vendor record whose layout msg_type names.
+struct DataMsg {
+  uint32_t msg_type = 0;
+  void* data = nullptr;
+};
+
+// Frees the payload (with free) and then the envelope.
+void free_msg(DataMsg* msg);
+
+// Service threads for a machine with the given processor count: 2 to 20.
+int service_thread_count(int processors);
+
+// Whether the daily job runs at now (yyyymmddHHMMSS) when it last ran on
+// last_date (-1: never): weekdays from 08:30:00 to 08:30:09, once a date.
+bool daily_job_due(int64_t now, int last_date);
+
+class DvDataMgr {
+ public:
+  static constexpr const char* kVersion = "V2.1(20201026)";
+
+  DvDataMgr();
+  ~DvDataMgr();
+  DvDataMgr(const DvDataMgr&) = delete;
+  DvDataMgr& operator=(const DvDataMgr&) = delete;
+
+  // Starts logging, obtains the quote API, reads "./dravikcfg.dat" and
+  // registers the servers and the callback object. A no-op once it succeeded.
+  bool init(bool isReal);
+  // Starts the service threads and connects; true when connected. On a failed
+  // connect the service threads are ended again.
+  bool start();
+  // Disconnects and ends every thread; true. A no-op when not started.
+  bool stop();
+
+  // Appends a message to the queue; ownership passes to the queue. Any thread.
+  void push_msg(DataMsg* msg);
+
+  // Thread bodies; the argument is the data manager.
+  static unsigned DataServiceThread(void* mgr);
+  static unsigned TimerTaskThread(void* mgr);
+
+  // One back-off step while a market initialises: logs, then sleeps 400 ms
+  // for attempts up to 5 and 1000 ms after.
+  void waitDynamicTime(int attempt, const char* function, const std::string& market, char kind);
+
+  // Routes one message to its handler. Service threads only.
+  void on_reply_data(int msg_type, void* data);
+
+  // Builds the server table from "./dravikcfg.dat".
+  bool init_cfg(bool isReal);
+  const ServerTable& server_table() const { return servers_; }
+
+  // Connection state.
+  void set_connected(bool connected);
+  bool is_connected() const { return connected_.load(std::memory_order_acquire); }
+  bool is_started() const { return running_.load(std::memory_order_acquire); }
+
+  // Start-up and daily requests.
+  void request_base_data();
+  void prepare_markets();
+  void request_market_data(int32_t market_id);
+  void request_holidays();
+  void request_hkc_rate(int32_t begin, int32_t end);
+
+  CDataApi* api() const { return api_; }
+  CMyCallBackPro* callback() { return &callback_; }
+  MarketTable& markets() { return markets_; }
+  Calendar& calendar() { return calendar_; }
+  int thread_count() const { return thread_count_; }
+  bool timer_started() const { return timer_started_.load(); }
+
+  // --- Seams for embedding and tests; none is needed in production. ---
+  // Uses api instead of GetApiInstance(); call before init.
+  void set_api(CDataApi* api) { api_ = api; }
+  // Overrides the clock of the daily job (seconds since the epoch) and its wake-up period.
+  void set_clock(std::function<double()> clock) { clock_ = std::move(clock); }
+  void set_timer_period_ms(int ms) { timer_period_ms_ = ms; }
+  // Overrides the processor count that sizes the service pool.
+  void set_processor_count(int n) { processors_ = n; }
+  // Called on the service thread with every message just before dispatch.
+  void set_message_hook(std::function<void(uint32_t, void*)> hook) { message_hook_ = std::move(hook); }
+  // Waits until every queued message has been handled; false on time-out.
+  bool wait_idle(int timeout_ms);
+  size_t queue_size() const;
+
+ private:
+  void service_loop();
+  void timer_loop();
+  DataMsg* take_msg();
+  void handle_msg(DataMsg* msg);
+  void end_service_threads();
+  void seed_markets();
+
+  std::mutex lifecycle_mu_;  // serialises init, start and stop
+  bool inited_ = false;
+  CDataApi* api_ = nullptr;
+  CMyCallBackPro callback_;
+  ServerTable servers_;
+
+  int thread_count_ = 0;
+  ThreadHandle* threads_ = nullptr;
+  port::Semaphore timer_sem_{0, 1024};
+  ThreadHandle timer_thread_ = nullptr;
+  std::atomic<int> timer_started_{0};
+
+  std::mutex connected_mu_;
+  std::atomic<bool> connected_{false};
+  std::atomic<bool> running_{false};
+
+  mutable std::mutex queue_mu_;
+  port::Semaphore queue_sem_{0, 1024};
+  std::deque<DataMsg*> queue_;
+
+  // Messages pushed and not yet handled, for wait_idle.
+  std::atomic<int64_t> pending_{0};
+  std::mutex idle_mu_;
+  std::condition_variable idle_cv_;
+  std::atomic<int> idle_waiters_{0};
+
+  MarketTable markets_;
+  Calendar calendar_;
+
+  std::function<double()> clock_;
+  int timer_period_ms_ = 10000;
+  int processors_ = 0;
+  std::function<void(uint32_t, void*)> message_hook_;
+};
+
+}  // namespace tavr
+
+#endif  // KELQUOTE_DATAMGR_DVDATAMGR_H_

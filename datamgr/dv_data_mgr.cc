@@ -1,0 +1,274 @@
+#include "datamgr/DvDataMgr.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+
+#include "log/MyLog.h"
+#include "utils/utils.h"
+
+namespace tavr {
+
+void free_msg(DataMsg* msg) {
+  if (msg == nullptr) return;
+  std::free(msg->data);
+  delete msg;
+}
+
+int service_thread_count(int processors) { return std::clamp(processors, 2, 20); }
+
+namespace {
+
+bool ValidDate(int date) {
+  int y = date / 10000, m = date / 100 % 100, d = date % 100;
+  if (y < 1 || m < 1 || m > 12 || d < 1) return false;
+  static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  return d <= kDays[m - 1] + (m == 2 && leap ? 1 : 0);
+}
+
+// 0 Sunday .. 6 Saturday, for a valid Gregorian date.
+int DayOfWeek(int date) {
+  static const int kOffsets[] = {0, 3, 2, 5, 0, 3, 5, 1, 4, 6, 2, 4};
+  int y = date / 10000, m = date / 100 % 100, d = date % 100;
+  if (m < 3) y -= 1;
+  return (y + y / 4 - y / 100 + y / 400 + kOffsets[m - 1] + d) % 7;
+}
+
+}  // namespace
+
+bool daily_job_due(int64_t now, int last_date) {
+  int date = static_cast<int>(now / 1000000);
+  int time = static_cast<int>(now % 1000000);
+  if (time < 83000 || time >= 83010 || date == last_date) return false;
+  if (!ValidDate(date)) return true;  // an unreadable date counts as a weekday
+  int weekday = DayOfWeek(date);
+  return weekday != 0 && weekday != 6;
+}
+
+DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}
+
+DvDataMgr::~DvDataMgr() {
+  stop();
+  std::lock_guard<std::mutex> lock(queue_mu_);
+  for (DataMsg* msg : queue_) free_msg(msg);
+  queue_.clear();
+}
+
+void DvDataMgr::seed_markets() {
+  markets_.add_market("SH", 19901219, 20170222);
+  markets_.add_market("SZ", 19901219, 0);
+  markets_.add_market("SQ", 20120316, 0);
+  markets_.add_market("SN", 20180326, 0);
+  markets_.add_market("DL", 20120319, 0);
+  markets_.add_market("ZZ", 20120320, 0);
+  markets_.add_market("ZJ", 20100416, 0);
+  markets_.add_market("HK", 20141117, 20161205);
+  calendar_.reset();
+}
+
+bool DvDataMgr::init(bool isReal) {
+  std::lock_guard<std::mutex> lock(lifecycle_mu_);
+  if (inited_) {
+    CMyLog::PrintLog(LOG_INFO, "DvDataMgr::init", "Already inited, do nothing....");
+    return true;
+  }
+  CMyLog::InitLog();
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::init",
+                   "=================================Dravik Data Service[%s], Logs "
+                   "init===================================",
+                   kVersion);
+  if (api_ == nullptr) api_ = GetApiInstance();
+  if (!init_cfg(isReal)) {
+    CMyLog::PrintLog(LOG_ERROR, "DvDataMgr::init", "Fail to initialize Dravik config....");
+    return false;
+  }
+  if (api_ != nullptr) api_->RegisterServer(&servers_, &callback_);
+  seed_markets();
+  inited_ = true;
+  return true;
+}
+
+bool DvDataMgr::start() {
+  std::lock_guard<std::mutex> lock(lifecycle_mu_);
+  if (running_.load()) return is_connected();
+  running_.store(true);
+  {
+    // A message left from an earlier run is stale; only the oldest goes.
+    std::lock_guard<std::mutex> queue_lock(queue_mu_);
+    if (!queue_.empty()) {
+      free_msg(queue_.front());
+      queue_.pop_front();
+      pending_.fetch_sub(1);
+    }
+  }
+  thread_count_ = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
+  threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
+  for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
+
+  ConnectResult result{0, 0, 0};
+  int rc = api_ != nullptr ? api_->Connect(&result) : -1;
+  if (rc != 0) {
+    CMyLog::PrintLog(LOG_ERROR, "DvDataMgr::start", "ThreadId[%lu] %s API建立连接失败[%d, %d, %d]...",
+                     port::CurrentThreadId(), "DvDataMgr::start", result.code, result.server,
+                     result.detail);
+    running_.store(false);
+    end_service_threads();
+    return false;
+  }
+  set_connected(true);
+  request_base_data();
+  prepare_markets();
+  request_market_data(0);
+  request_holidays();
+  request_hkc_rate(0, 0);
+  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+  return true;
+}
+
+void DvDataMgr::end_service_threads() {
+  for (int i = 0; i < thread_count_; ++i) queue_sem_.Release();
+  for (int i = 0; i < thread_count_; ++i) thread_join(threads_[i]);
+  zfree(threads_);
+  threads_ = nullptr;
+  thread_count_ = 0;
+}
+
+bool DvDataMgr::stop() {
+  std::lock_guard<std::mutex> lock(lifecycle_mu_);
+  if (!running_.load()) return true;
+  if (api_ != nullptr) api_->Release();
+  set_connected(false);
+  running_.store(false);
+  end_service_threads();
+  timer_sem_.Release();
+  thread_join(timer_thread_);
+  timer_thread_ = nullptr;
+  markets_.clear_codes();
+  {
+    std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
+    calendar_.hk_rates.clear();
+  }
+  return true;
+}
+
+void DvDataMgr::push_msg(DataMsg* msg) {
+  if (msg == nullptr) return;
+  pending_.fetch_add(1, std::memory_order_relaxed);
+  {
+    std::lock_guard<std::mutex> lock(queue_mu_);
+    queue_.push_back(msg);
+  }
+  // At the maximum the release fails; the message still waits in the queue
+  // and a busy service thread takes it before it waits again.
+  queue_sem_.Release();
+}
+
+DataMsg* DvDataMgr::take_msg() {
+  std::lock_guard<std::mutex> lock(queue_mu_);
+  if (queue_.empty()) return nullptr;
+  DataMsg* msg = queue_.front();
+  queue_.pop_front();
+  return msg;
+}
+
+size_t DvDataMgr::queue_size() const {
+  std::lock_guard<std::mutex> lock(queue_mu_);
+  return queue_.size();
+}
+
+void DvDataMgr::handle_msg(DataMsg* msg) {
+  CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
+                   "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
+  try {
+    if (message_hook_) message_hook_(msg->msg_type, msg->data);
+    on_reply_data(static_cast<int>(msg->msg_type), msg->data);
+  } catch (...) {
+    CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",
+                     "数据服务线程, do bussiness catch Exception!!!...");
+  }
+  free_msg(msg);
+  if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1 && idle_waiters_.load() > 0) {
+    std::lock_guard<std::mutex> lock(idle_mu_);
+    idle_cv_.notify_all();
+  }
+}
+
+unsigned DvDataMgr::DataServiceThread(void* mgr) {
+  static_cast<DvDataMgr*>(mgr)->service_loop();
+  return 0;
+}
+
+void DvDataMgr::service_loop() {
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 begin...");
+  while (running_.load(std::memory_order_acquire)) {
+    DataMsg* msg = nullptr;
+    try {
+      // Take before waiting: wake-ups beyond the semaphore's maximum are lost,
+      // so a thread drains what is queued instead of waiting once per message.
+      msg = take_msg();
+      if (msg == nullptr) {
+        queue_sem_.Acquire();
+        msg = take_msg();
+      }
+    } catch (...) {
+      CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread", "数据服务线程, run Exception!!!...");
+      continue;
+    }
+    if (msg == nullptr) continue;
+    handle_msg(msg);
+  }
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 exit...");
+}
+
+bool DvDataMgr::wait_idle(int timeout_ms) {
+  idle_waiters_.fetch_add(1);
+  std::unique_lock<std::mutex> lock(idle_mu_);
+  bool idle = idle_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                [this] { return pending_.load(std::memory_order_acquire) == 0; });
+  idle_waiters_.fetch_sub(1);
+  return idle;
+}
+
+unsigned DvDataMgr::TimerTaskThread(void* mgr) {
+  static_cast<DvDataMgr*>(mgr)->timer_loop();
+  return 0;
+}
+
+void DvDataMgr::timer_loop() {
+  timer_started_.store(1);
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
+  int last_date = -1;
+  while (true) {
+    if (timer_sem_.AcquireFor(std::chrono::milliseconds(timer_period_ms_))) {
+      CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
+      return;
+    }
+    int64_t seconds = static_cast<int64_t>(clock_());
+    int64_t now = utils::millisecondsToTime(seconds * 1000);
+    if (!daily_job_due(now, last_date)) continue;
+    CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Start daily job......");
+    request_hkc_rate(0, 0);
+    request_holidays();
+    last_date = static_cast<int>(now / 1000000);
+  }
+}
+
+void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::string& market, char kind) {
+  if (attempt > 5) {
+    CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待1000ms后开始处理![#%d]",
+                     function, market.c_str(), kind, attempt);
+    port::SleepMs(1000);
+  } else {
+    CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待400ms![#%d]", function,
+                     market.c_str(), kind, attempt);
+    port::SleepMs(400);
+  }
+}
+
+void DvDataMgr::set_connected(bool connected) {
+  std::lock_guard<std::mutex> lock(connected_mu_);
+  connected_.store(connected, std::memory_order_release);
+}
+
+}  // namespace tavr

@@ -1,0 +1,57 @@
+// The market table: one MarketInfo per market of the quote service.
+#ifndef KELQUOTE_MARKET_MARKET_INFO_H_
+#define KELQUOTE_MARKET_MARKET_INFO_H_
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace tavr {
+
+struct BaseCodeInfo;
+using CodeTable = std::map<std::string, std::shared_ptr<BaseCodeInfo>>;
+
+struct MarketInfo {
+  uint8_t market_id = 0;
+  uint8_t market_type = 0;
+  char market_desc[32] = {0};
+  uint8_t flag_a = 0;
+  uint8_t flag_b = 0;
+  int32_t trade_date = 0;
+  int32_t trade_date_extra = 0;
+  uint32_t code_count = 0;
+  std::string name;
+  CodeTable base_codes;   // guarded by MarketTable::codes_mu
+  int32_t start_date = 0;
+  CodeTable other_codes;  // guarded by MarketTable::codes_mu
+  int32_t second_date = 0;
+  bool initialised = false;
+  bool other_base_ready = false;
+  bool ref_info_ready = false;
+  bool reinit_pending = false;
+  uint32_t status_checksum = 0;
+};
+
+class MarketTable {
+ public:
+  // Puts a fresh record under name, replacing any record of that name.
+  void add_market(const std::string& name, int32_t start_date, int32_t second_date);
+  // The record of name, or null.
+  std::shared_ptr<MarketInfo> find(const std::string& name) const;
+  size_t size() const;
+  // Empties both instrument tables of every market.
+  void clear_codes();
+
+  // Guards every market's base_codes and other_codes.
+  mutable std::mutex codes_mu;
+
+ private:
+  mutable std::mutex mu_;
+  std::map<std::string, std::shared_ptr<MarketInfo>> markets_;
+};
+
+}  // namespace tavr
+
+#endif  // KELQUOTE_MARKET_MARKET_INFO_H_

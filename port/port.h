@@ -1,0 +1,70 @@
+// The platform layer: the few operating-system services the library needs,
+// behind one portable interface. Nothing outside port/ names an OS header.
+#ifndef KELQUOTE_PORT_PORT_H_
+#define KELQUOTE_PORT_PORT_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <ctime>
+#include <mutex>
+#include <string>
+
+#if defined(__GNUC__)
+#define KQ_PRINTF_FORMAT(fmt, first) __attribute__((format(printf, fmt, first)))
+#else
+#define KQ_PRINTF_FORMAT(fmt, first)
+#endif
+
+namespace port {
+
+// A counting semaphore with a maximum count, as the Windows kernel object:
+// a release that would lift the count above the maximum fails and leaves the
+// count unchanged.
+class Semaphore {
+ public:
+  Semaphore(int initial, int maximum);
+  Semaphore(const Semaphore&) = delete;
+  Semaphore& operator=(const Semaphore&) = delete;
+
+  // Adds n to the count. Returns false, changing nothing, when the result
+  // would exceed the maximum.
+  bool Release(int n = 1);
+  void Acquire();
+  // Returns false when the time-out passed without the count becoming positive.
+  bool AcquireFor(std::chrono::milliseconds timeout);
+  int count() const;
+
+ private:
+  mutable std::mutex mu_;
+  std::condition_variable cv_;
+  int count_;
+  const int maximum_;
+};
+
+// An operating-system thread running fn(arg). Handles are owned by the caller
+// and released by JoinThread.
+struct Thread;
+Thread* StartThread(unsigned (*fn)(void*), void* arg);
+void JoinThread(Thread* thread);
+
+// Number of processors the system reports (at least 1).
+int ProcessorCount();
+void SleepMs(int milliseconds);
+// The operating system's id of the calling thread.
+unsigned long CurrentThreadId();
+
+// Calendar conversions in the process's local time zone.
+bool LocalTime(std::time_t t, std::tm* out);
+std::time_t MakeLocalTime(std::tm* tm);
+
+bool FileExists(const std::string& path);
+// Where the log configuration lives, relative to the working directory.
+const char* LogConfigPath();
+
+// GBK (code page 936) to UTF-8. Returns false when the input is not valid GBK.
+bool GbkToUtf8(const std::string& gbk, std::string* utf8);
+
+}  // namespace port
+
+#endif  // KELQUOTE_PORT_PORT_H_

@@ -1,0 +1,111 @@
+// Everything here that differs between Windows and POSIX.
+#include <filesystem>
+#include <thread>
+
+#include "port/port.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <iconv.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
+namespace port {
+
+struct Thread {
+  std::thread thread;
+};
+
+Thread* StartThread(unsigned (*fn)(void*), void* arg) {
+  auto* t = new Thread;
+  t->thread = std::thread([fn, arg] { fn(arg); });
+  return t;
+}
+
+void JoinThread(Thread* thread) {
+  if (thread == nullptr) return;
+  if (thread->thread.joinable()) {
+    if (thread->thread.get_id() == std::this_thread::get_id()) {
+      // A thread cannot wait for itself; let it finish on its own.
+      thread->thread.detach();
+    } else {
+      thread->thread.join();
+    }
+  }
+  delete thread;
+}
+
+int ProcessorCount() {
+  unsigned n = std::thread::hardware_concurrency();
+  return n == 0 ? 1 : static_cast<int>(n);
+}
+
+void SleepMs(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+unsigned long CurrentThreadId() {
+#if defined(_WIN32)
+  return GetCurrentThreadId();
+#else
+  return static_cast<unsigned long>(syscall(SYS_gettid));
+#endif
+}
+
+bool LocalTime(std::time_t t, std::tm* out) {
+#if defined(_WIN32)
+  return localtime_s(out, &t) == 0;
+#else
+  return localtime_r(&t, out) != nullptr;
+#endif
+}
+
+std::time_t MakeLocalTime(std::tm* tm) { return std::mktime(tm); }
+
+bool FileExists(const std::string& path) {
+  std::error_code ec;
+  return std::filesystem::exists(path, ec);
+}
+
+const char* LogConfigPath() {
+#if defined(_WIN32)
+  return ".\\ini\\KELQuoteLog.config";
+#else
+  return "./ini/KELQuoteLog.config";
+#endif
+}
+
+bool GbkToUtf8(const std::string& gbk, std::string* utf8) {
+  utf8->clear();
+  if (gbk.empty()) return true;
+#if defined(_WIN32)
+  int wide_len = MultiByteToWideChar(936, MB_ERR_INVALID_CHARS, gbk.data(),
+                                     static_cast<int>(gbk.size()), nullptr, 0);
+  if (wide_len <= 0) return false;
+  std::wstring wide(static_cast<size_t>(wide_len), L'\0');
+  MultiByteToWideChar(936, 0, gbk.data(), static_cast<int>(gbk.size()), wide.data(), wide_len);
+  int len = WideCharToMultiByte(CP_UTF8, 0, wide.data(), wide_len, nullptr, 0, nullptr, nullptr);
+  if (len <= 0) return false;
+  utf8->resize(static_cast<size_t>(len));
+  WideCharToMultiByte(CP_UTF8, 0, wide.data(), wide_len, utf8->data(), len, nullptr, nullptr);
+  return true;
+#else
+  iconv_t cd = iconv_open("UTF-8", "GBK");
+  if (cd == reinterpret_cast<iconv_t>(-1)) return false;
+  std::string out(gbk.size() * 2 + 4, '\0');
+  char* in_ptr = const_cast<char*>(gbk.data());
+  size_t in_left = gbk.size();
+  char* out_ptr = out.data();
+  size_t out_left = out.size();
+  size_t rc = iconv(cd, &in_ptr, &in_left, &out_ptr, &out_left);
+  iconv_close(cd);
+  if (rc == static_cast<size_t>(-1)) return false;
+  out.resize(out.size() - out_left);
+  *utf8 = std::move(out);
+  return true;
+#endif
+}
+
+}  // namespace port
