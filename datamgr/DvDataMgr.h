@@ -10,7 +10,9 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "dataapi/DataApi.h"
 #include "datamgr/callback_pro.h"
@@ -18,15 +20,23 @@
 #include "market/calendar.h"
 #include "market/market_info.h"
 #include "port/port.h"
+#include "quoter/quoter.h"
 
 namespace tavr {
 
+class KelQuoteClient;
+
 // One queued vendor callback. The envelope owns data, a malloc'd copy of the
-// vendor record whose layout msg_type names.
+// vendor record whose layout msg_type names; size is the number of bytes
+// copied, which bounds what a handler may read.
 struct DataMsg {
   uint32_t msg_type = 0;
   void* data = nullptr;
+  size_t size = 0;
 };
+
+// The failure value of 16-bit request ids (read as -1 by the client).
+constexpr uint16_t kRequestFailed = 0xFFFF;
 
 // Frees the payload (with free) and then the envelope.
 void free_msg(DataMsg* msg);
@@ -67,8 +77,9 @@ class DvDataMgr {
   // for attempts up to 5 and 1000 ms after.
   void waitDynamicTime(int attempt, const char* function, const std::string& market, char kind);
 
-  // Routes one message to its handler. Service threads only.
-  void on_reply_data(int msg_type, void* data);
+  // Routes one message to its handler. Service threads only. size bounds the
+  // bytes of data that handlers may read.
+  void on_reply_data(int msg_type, void* data, size_t size);
 
   // Builds the server table from "./dravikcfg.dat".
   bool init_cfg(bool isReal);
@@ -76,6 +87,11 @@ class DvDataMgr {
 
   // Connection state.
   void set_connected(bool connected);
+  // The reaction to the vendor's connection report, on the vendor's thread.
+  void on_connect_status(int server, int status);
+  // The gate at the head of a request: false, with its ERROR line under
+  // function, when the service is stopped or stays disconnected for 5 x 400 ms.
+  bool pass_request_gate(const char* function);
   bool is_connected() const { return connected_.load(std::memory_order_acquire); }
   bool is_started() const { return running_.load(std::memory_order_acquire); }
 
@@ -85,6 +101,30 @@ class DvDataMgr {
   void request_market_data(int32_t market_id);
   void request_holidays();
   void request_hkc_rate(int32_t begin, int32_t end);
+
+  // Requests made for the client. Each returns its request id, or
+  // kRequestFailed (-1 for whole markets) when the request was refused.
+  uint16_t request_tick_push(const quoter::TSMetaInfo& request, const std::string& market);
+  void release_tick_push(const std::string& code, const std::string& market, uint16_t serial);
+  int32_t request_mkt_tick_push(const std::string& market, int8_t mode);
+  void release_mkt_tick_push(int16_t serial);
+  uint16_t request_his_kline(const quoter::TSMetaInfo& meta, const quoter::TRegionInfo& region,
+                             const std::string& market, char kind);
+  uint16_t request_finance_data(const std::string& market, const std::string& code,
+                                const std::vector<int32_t>& types, int32_t begin, int32_t end);
+  void get_market_code_list(const std::string& host_market, const std::string& market, char variant,
+                            std::vector<std::shared_ptr<ttservice::CInstrumentDetail>>& list);
+  void get_market_trade_day_list(const std::string& market, char variant, std::vector<int64_t>& days);
+  void get_HKC_trade_day_list(char variant, std::vector<int64_t>& days);
+
+  // Market names and the service's numeric ids: -1 / empty when unknown.
+  static int32_t get_market_id_by_name(const std::string& name);
+  static std::string get_market_name_by_id(int32_t id);
+
+  // The client whose completion operations receive the data; the process's
+  // client unless set.
+  KelQuoteClient* client() const;
+  void set_client(KelQuoteClient* client) { client_ = client; }
 
   CDataApi* api() const { return api_; }
   CMyCallBackPro* callback() { return &callback_; }
@@ -118,6 +158,7 @@ class DvDataMgr {
   std::mutex lifecycle_mu_;  // serialises init, start and stop
   bool inited_ = false;
   CDataApi* api_ = nullptr;
+  KelQuoteClient* client_ = nullptr;
   CMyCallBackPro callback_;
   ServerTable servers_;
 

@@ -1,0 +1,3 @@
+#include "kelquote/KelQuoteClient.h"
+
+tavr::BaseQuoteClient* getKelClient() { return &tavr::KelQuoteClient::get(); }
