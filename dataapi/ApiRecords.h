@@ -68,6 +68,28 @@ struct HKRateRequest {
 };
 static_assert(sizeof(HKRateRequest) == 10);
 
+// Dividends and splits of one instrument (reply of ReqPower).
+struct ApiPowerRsp {
+  uint16_t request_id;
+  char code[32];
+  int32_t market;
+  uint16_t count;  // elements that follow
+};
+static_assert(sizeof(ApiPowerRsp) == 40);
+static_assert(offsetof(ApiPowerRsp, count) == 38);
+
+// One dividend or split; amounts are per ten shares, times 10.
+struct ApiPowerItem {
+  int32_t date;  // yyyymmdd
+  int32_t time;  // HHMMSS
+  int32_t cash_dividend;
+  int32_t bonus_shares;
+  int32_t rights_shares;
+  int32_t rights_price;
+  char reserved[240];
+};
+static_assert(sizeof(ApiPowerItem) == 264);
+
 #pragma pack(pop)
 
 #endif  // KELQUOTE_DATAAPI_APIRECORDS_H_

@@ -81,6 +81,9 @@ class DvDataMgr {
   // bytes of data that handlers may read.
   void on_reply_data(int msg_type, void* data, size_t size);
 
+  // Reply handlers, one per message type, each given the copied record.
+  void on_reply_power(const void* data, size_t size);
+
   // Builds the server table from "./dravikcfg.dat".
   bool init_cfg(bool isReal);
   const ServerTable& server_table() const { return servers_; }

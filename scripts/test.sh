@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Builds the library and runs the whole test suite: the regular build, then
+# the same suite under AddressSanitizer+UBSan and under ThreadSanitizer.
+#   scripts/test.sh            all three
+#   KELQUOTE_FLAVOURS="release" scripts/test.sh   a subset (release, asan, tsan)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=$(nproc 2>/dev/null || echo 2)
+flavours=${KELQUOTE_FLAVOURS:-"release asan tsan"}
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+for flavour in $flavours; do
+  case $flavour in
+    release) args=() ;;
+    asan) args=(-DKELQUOTE_SANITIZE=address) ;;
+    tsan) args=(-DKELQUOTE_SANITIZE=thread) ;;
+    *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
+  esac
+  echo "== $flavour: build"
+  scripts/build.sh "$flavour" "${args[@]}"
+  echo "== $flavour: test"
+  (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure)
+done
