@@ -127,7 +127,7 @@ class DvDataMgr {
   // The client whose completion operations receive the data; the process's
   // client unless set.
   KelQuoteClient* client() const;
-  void set_client(KelQuoteClient* client) { client_ = client; }
+  void set_client(KelQuoteClient* client) { client_.store(client, std::memory_order_release); }
 
   CDataApi* api() const { return api_; }
   CMyCallBackPro* callback() { return &callback_; }
@@ -145,7 +145,7 @@ class DvDataMgr {
   // Overrides the processor count that sizes the service pool.
   void set_processor_count(int n) { processors_ = n; }
   // Called on the service thread with every message just before dispatch.
-  void set_message_hook(std::function<void(uint32_t, void*)> hook) { message_hook_ = std::move(hook); }
+  void set_message_hook(std::function<void(uint32_t, void*, size_t)> hook) { message_hook_ = std::move(hook); }
   // Waits until every queued message has been handled; false on time-out.
   bool wait_idle(int timeout_ms);
   size_t queue_size() const;
@@ -161,7 +161,7 @@ class DvDataMgr {
   std::mutex lifecycle_mu_;  // serialises init, start and stop
   bool inited_ = false;
   CDataApi* api_ = nullptr;
-  KelQuoteClient* client_ = nullptr;
+  std::atomic<KelQuoteClient*> client_{nullptr};
   CMyCallBackPro callback_;
   ServerTable servers_;
 
@@ -191,7 +191,7 @@ class DvDataMgr {
   std::function<double()> clock_;
   int timer_period_ms_ = 10000;
   int processors_ = 0;
-  std::function<void(uint32_t, void*)> message_hook_;
+  std::function<void(uint32_t, void*, size_t)> message_hook_;
 };
 
 }  // namespace tavr

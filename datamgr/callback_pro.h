@@ -4,17 +4,89 @@
 #ifndef KELQUOTE_DATAMGR_CALLBACK_PRO_H_
 #define KELQUOTE_DATAMGR_CALLBACK_PRO_H_
 
+#include <cstddef>
+#include <cstdint>
+
 #include "dataapi/DataApi.h"
 
 namespace tavr {
 
 class DvDataMgr;
 
+// How one callback sizes its copy of the vendor's record.
+struct CopyRule {
+  enum class Shape : uint8_t {
+    kFixed,     // head bytes exactly
+    kHeadPlus,  // head + (n-1) x elem when n > 0, else head
+    kLevel2,    // 8 + n x elem when n > 0, else 9
+    kHisData,   // 63 when n <= 0; 62 + n x 21 when the field at 46 is 14, else 62 + n x 48
+  };
+  const char* name;      // qualified operation name, for the log
+  uint32_t msg_type;
+  Shape shape;
+  size_t head;
+  size_t elem;
+  size_t count_at;       // byte offset of the count
+  bool count_u16;        // unsigned 16-bit count instead of signed 32-bit
+  bool count_u32;        // unsigned 32-bit count
+  size_t spare;          // bytes allocated beyond the copy
+};
+
+// Largest copy the adapter makes. A count implying more is a broken record:
+// no real reply comes near it (a whole market is a few MiB).
+constexpr size_t kMaxRecordBytes = size_t{64} << 20;
+
+// The number of bytes to copy from record under rule; 0 when the count is
+// beyond kMaxRecordBytes.
+size_t copy_size(const CopyRule& rule, const void* record);
+
 class CMyCallBackPro : public CDataApiCallBack {
  public:
   explicit CMyCallBackPro(DvDataMgr* mgr) : mgr_(mgr) {}
+  CMyCallBackPro(const CMyCallBackPro&) = delete;
+  CMyCallBackPro& operator=(const CMyCallBackPro&) = delete;
+
+  int OnMarketInit(const void* record) override;
+  int OnMarketOtherBase(const void* record) override;
+  int OnRespRefInfo(const void* record) override;
+  int OnTickL1(const void* record) override;
+  int OnRespHisData(const void* record) override;
+  int OnRespHolidayInfo(const void* record) override;
+  int OnRespPower(const void* record) override;
+  int OnRespHotListDef(const void* record) override;
+  int OnRespHotListData(const void* record) override;
+  int OnHotList(const void* record) override;
+  int OnMarketStatus(const void* record) override;
+  int OnRespHisDataCount(const void* record) override;
+  int OnRespSCanner(const void* record) override;
+  int OnRespSharedFields(const void* record) override;
+  int OnRespNewIssueList(const void* record) override;
+  int OnTickL2(const void* record) override;
+  int OnIndexL2(const void* record) override;
+  int OnTransL2(const void* record) override;
+  int OnOrderL2(const void* record) override;
+  int OnOrderQueueL2(const void* record) override;
+  int OnRespShareData(const void* record) override;
+  int OnRespHKRateData(const void* record) override;
+  int OnRespIndustryData(const void* record) override;
+  int OnRespLatestShareData(const void* record) override;
+  int OnRespFinancialData(const void* record) override;
+  int OnRespIncomeStatData(const void* record) override;
+  int OnRespCashFlowData(const void* record) override;
+  int OnRespBalanceSheetData(const void* record) override;
+  int OnRespSHNumberData(const void* record) override;
+  int OnRespMostShareHolderData(const void* record) override;
+  int OnRespNegotiableShareHolderData(const void* record) override;
+  int OnConnectStatus(int server, int status) override;
+  int OnRespHisTickKcbData(const void* record) override;
+  int OnRespL1HisTickData(const void* record) override;
+  int OnRespMarketPushData(const void* record) override;
 
  private:
+  // Copies record under rule into a new message and queues it: 0, or -1 when
+  // nothing was queued.
+  int Queue(const CopyRule& rule, const void* record);
+
   DvDataMgr* mgr_;
 };
 

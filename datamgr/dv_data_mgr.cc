@@ -181,7 +181,7 @@ void DvDataMgr::handle_msg(DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
                    "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
   try {
-    if (message_hook_) message_hook_(msg->msg_type, msg->data);
+    if (message_hook_) message_hook_(msg->msg_type, msg->data, msg->size);
     on_reply_data(static_cast<int>(msg->msg_type), msg->data, msg->size);
   } catch (...) {
     CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",

@@ -157,7 +157,7 @@ TEST_F(DataMgrTest, BurstBeyondTheSemaphoreMaximumIsHandledCompletely) {
   std::unique_lock<std::mutex> hold(gate);
   std::atomic<int> handled{0};
   std::atomic<long long> sum{0};
-  mgr_.set_message_hook([&](uint32_t, void* data) {
+  mgr_.set_message_hook([&](uint32_t, void* data, size_t) {
     std::lock_guard<std::mutex> wait(gate);  // blocked until the whole burst is queued
     sum += PayloadOf(data);
     ++handled;
@@ -178,7 +178,7 @@ TEST_F(DataMgrTest, ServiceThreadsSurviveExceptionsAndLogThePayloadPointer) {
   log_.enable_all_levels();  // init configured the logger from file
   std::mutex mu;
   std::vector<void*> seen;
-  mgr_.set_message_hook([&](uint32_t type, void* data) {
+  mgr_.set_message_hook([&](uint32_t type, void* data, size_t) {
     {
       std::lock_guard<std::mutex> lock(mu);
       seen.push_back(data);
@@ -203,7 +203,7 @@ TEST_F(DataMgrTest, StaleMessageBeforeStartLosesOnlyTheOldest) {
   ASSERT_TRUE(mgr_.init(true));
   std::atomic<int> handled{0};
   std::atomic<int> first_seen{-1};
-  mgr_.set_message_hook([&](uint32_t, void* data) {
+  mgr_.set_message_hook([&](uint32_t, void* data, size_t) {
     int expected = -1;
     first_seen.compare_exchange_strong(expected, PayloadOf(data));
     ++handled;

@@ -70,6 +70,8 @@ class KELQUOTE_API KelQuoteClient : public BaseQuoteClient {
   friend class KelQuoteClientTest;
   // 0 starts the data manager again, 1 stops it.
   void startLogin(int action);
+  // Registers a history request's callback, replacing any under the same id.
+  void add_history_info(short id, QuoteCallback callback);
 
   struct State;
   State* state_;

@@ -1,0 +1,284 @@
+#include "kelquote/KelQuoteClient.h"
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "datamgr/DvDataMgr.h"
+#include "testkit/fake_api.h"
+#include "testkit/log_capture.h"
+#include "testkit/work_dir.h"
+
+namespace tavr {
+
+// Reaches the client's private operations.
+class KelQuoteClientTest : public ::testing::Test {
+ protected:
+  void AddHistory(short id, QuoteCallback callback) { client_.add_history_info(id, std::move(callback)); }
+  void StartLogin(int action) { client_.startLogin(action); }
+
+  testkit::LogCapture log_;
+  KelQuoteClient client_;
+};
+
+namespace {
+
+struct Delivery {
+  int status;
+  size_t records;
+  int tag;
+};
+
+QuoteCallback Recorder(std::vector<Delivery>& out) {
+  return [&out](se::EQuoteSubStatus status, const QuoteRecords& records, se::EDataArrivedTag tag) {
+    out.push_back({status, records.size(), tag});
+  };
+}
+
+quoter::TSMetaInfo Meta(const char* market, const char* code) {
+  quoter::TSMetaInfo meta;
+  meta.market = market;
+  meta.code = code;
+  meta.metaId = 3000;
+  return meta;
+}
+
+TEST_F(KelQuoteClientTest, UnknownMarketsFailAtOnce) {
+  std::vector<Delivery> got;
+  EXPECT_EQ(client_.subscribeQuote(Meta("sh", "600000"), {}, "", Recorder(got)), -4);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].status, 1);
+  EXPECT_EQ(got[0].tag, 0);
+
+  got.clear();
+  client_.requestHistoryQuote(Meta("XX", "600000"), {}, "", Recorder(got));
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].status, 1);
+  EXPECT_EQ(got[0].tag, 2);
+
+  bool called = false;
+  EXPECT_EQ(client_.subWholeQuote("XX", [&](const QuoteMap&) { called = true; }), -4);
+  EXPECT_FALSE(called);
+  EXPECT_EQ(log_.count("Market is not exist: "), 3u);
+  EXPECT_TRUE(log_.contains("[tavr::KelQuoteClient::subWholeQuote]: Market is not exist: XX ...."));
+}
+
+TEST_F(KelQuoteClientTest, RefusedRequestsFailWithTheirTexts) {
+  // No data manager yet: every request is refused as a stopped service would.
+  std::vector<Delivery> got;
+  EXPECT_EQ(client_.subscribeQuote(Meta("SHO", "10000001"), {}, "", Recorder(got)), -4);
+  EXPECT_TRUE(log_.contains("[tavr::KelQuoteClient::subscribeQuote]: Failed to sub 10000001.SH..."));
+  client_.requestHistoryQuote(Meta("IF", "IF2401"), {}, "", Recorder(got));
+  EXPECT_TRUE(log_.contains("Failed to request IF2401.ZJ kline["));
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0].tag, 0);
+  EXPECT_EQ(got[1].tag, 2);
+  EXPECT_EQ(client_.subWholeQuote("SGT", [](const QuoteMap&) {}), -4);
+  EXPECT_TRUE(log_.contains("Failed to sub market HK..."));
+
+  FinanceDataParam param;
+  param.market = "SZ";
+  param.code = "000001";
+  int statuses = 0;
+  client_.requestFinanceData(param, [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
+                                        se::EQuoteSubStatus status) {
+    EXPECT_EQ(market, "SZ");
+    EXPECT_EQ(p.code, "000001");
+    EXPECT_TRUE(data.empty());
+    EXPECT_EQ(status, se::kQuoteFailure);
+    ++statuses;
+  });
+  EXPECT_EQ(statuses, 1);
+  EXPECT_TRUE(log_.contains("Failed to get 000001.SZ finance data..."));
+}
+
+TEST_F(KelQuoteClientTest, HistoryBlocksArrivePartialThenLastThenStray) {
+  std::vector<Delivery> got;
+  AddHistory(21, Recorder(got));
+  QuoteRecords two{std::make_shared<quoter::KLineData>(), std::make_shared<quoter::KLineData>()};
+  client_.onRequestHistory(21, two, false);
+  client_.onRequestHistory(21, {}, true);
+  client_.onRequestHistory(21, two, true);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0].records, 2u);
+  EXPECT_EQ(got[0].tag, 1);
+  EXPECT_EQ(got[1].tag, 2);
+  EXPECT_EQ(got[1].status, 0);
+  EXPECT_TRUE(log_.contains("No request found in kline request list[id=21][0]!!!")) << log_.dump();
+  EXPECT_EQ(log_.count("Start retrun data[id=21]"), 3u);
+}
+
+TEST_F(KelQuoteClientTest, AHostMayRequestAgainFromInsideAHistoryCallback) {
+  std::vector<Delivery> inner;
+  AddHistory(30, [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    client_.requestHistoryQuote(Meta("SH", "600000"), {}, "", Recorder(inner));
+  });
+  client_.onRequestHistory(30, {}, true);
+  EXPECT_EQ(inner.size(), 1u);  // refused (no service), but no deadlock
+}
+
+TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
+  std::vector<Delivery> first, second;
+  client_.add_quote_info(40, "600000", "SH", Recorder(first));
+  client_.add_quote_info(40, "600001", "SH", Recorder(second));
+  client_.onSubscribe(40, {std::make_shared<quoter::QuoterAllData>()});
+  EXPECT_TRUE(first.empty());
+  ASSERT_EQ(second.size(), 1u);
+  EXPECT_EQ(second[0].tag, 3);
+
+  std::string code, market;
+  EXPECT_TRUE(client_.del_quote_info(40, code, market));
+  EXPECT_EQ(code, "600001");
+  EXPECT_EQ(market, "SH");
+  EXPECT_FALSE(client_.del_quote_info(40, code, market));
+  client_.onSubscribe(40, {});
+  EXPECT_TRUE(log_.contains("No request found in waiting list[id=40]!!!"));
+
+  log_.clear();
+  client_.unsubscribe(41);
+  ASSERT_EQ(log_.lines().size(), 1u) << log_.dump();
+  EXPECT_EQ(log_.lines()[0].text, "[tavr::KelQuoteClient::unsubscribe]: delete 41 subscrib info....");
+
+  int packages = 0;
+  client_.add_mkt_push_info(102, [&](const QuoteMap& map) { packages += static_cast<int>(map.size()); });
+  client_.onWholeSub(102, {{"600000", std::make_shared<quoter::QuoterAllData>()}});
+  EXPECT_EQ(packages, 1);
+  EXPECT_TRUE(client_.del_mkt_push_info(102));
+  EXPECT_FALSE(client_.del_mkt_push_info(102));
+}
+
+TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
+  int calls = 0;
+  client_.add_quote_info(50, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    ++calls;
+    client_.unsubscribe(50);
+  });
+  client_.onSubscribe(50, {});
+  client_.onSubscribe(50, {});
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(KelQuoteClientTest, SubscribeAndDeliverConcurrently) {
+  // Writers add and remove while a service thread delivers; TSan must stay
+  // silent and every delivery must reach a live entry or be logged missing.
+  std::atomic<int> delivered{0};
+  std::atomic<bool> done{false};
+  std::thread deliver([&] {
+    QuoteRecords one{std::make_shared<quoter::QuoterAllData>()};
+    while (!done.load()) {
+      for (short id = 100; id < 132; ++id) client_.onSubscribe(id, one);
+    }
+  });
+  for (int round = 0; round < 300; ++round) {
+    for (short id = 100; id < 132; ++id) {
+      client_.add_quote_info(id, "600000", "SH",
+                             [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
+    }
+    std::string code, market;
+    for (short id = 100; id < 132; ++id) EXPECT_TRUE(client_.del_quote_info(id, code, market));
+  }
+  client_.add_quote_info(100, "600000", "SH",
+                         [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
+  int before = delivered.load();
+  while (delivered.load() == before) std::this_thread::yield();
+  done = true;
+  deliver.join();
+  EXPECT_GT(delivered.load(), 0);
+}
+
+TEST_F(KelQuoteClientTest, MarketNotificationsUnderEveryHostCode) {
+  client_.onMarketInfoChange(0, "SH", 0);
+  EXPECT_TRUE(log_.contains("Market Information callback handler NOT INITIALIZED!!!"));
+
+  std::vector<std::pair<int, std::string>> got;
+  client_.registerTradeDateAndStockListChangeCallBack([&](int kind, std::string host) { got.push_back({kind, host}); });
+  client_.onMarketInfoChange(0, "SH", 0);
+  client_.onMarketInfoChange(1, "HK", 0);
+  client_.onMarketInfoChange(1, "ZJ", 0);
+  client_.onMarketInfoChange(0, "SZ", 2);
+  client_.onMarketInfoChange(0, "DL", 2);
+  client_.onMarketInfoChange(0, "SZ", 1);
+  client_.onMarketInfoChange(0, "SZ", 3);
+  const std::vector<std::pair<int, std::string>> want = {{0, "SHO"}, {0, "SH"}, {1, "SGT"}, {1, "HGT"},
+                                                         {1, "IF"},  {0, "SZO"}, {0, "SZ"}};
+  EXPECT_EQ(got, want);
+  EXPECT_TRUE(log_.contains("Return notification for market(SGT) [HK-Stocklist] information changed !!!"));
+  EXPECT_TRUE(log_.contains("Return notification for market(SHO) [SH-Tradingday] information changed !!!"));
+}
+
+TEST_F(KelQuoteClientTest, ConnectStatusReachesTheHostAndThrowsStayInside) {
+  client_.onConnectStatusChange(1, "lost");
+  EXPECT_TRUE(log_.contains("Status callback handler NOT INITIALIZED!!!"));
+  std::vector<int> codes;
+  client_.registerQuoterConnectCallBack([&](int code, std::string text) {
+    codes.push_back(code);
+    if (text == "throw") throw std::runtime_error("host failure");
+  });
+  client_.onConnectStatusChange(0, "ok");
+  EXPECT_NO_THROW(client_.onConnectStatusChange(2, "throw"));
+  EXPECT_EQ(codes, (std::vector<int>{0, 2}));
+  EXPECT_TRUE(log_.contains("Return connect message[0:ok]!!!"));
+  EXPECT_TRUE(log_.contains("Host callback threw: host failure"));
+}
+
+class LoginTest : public KelQuoteClientTest {
+ protected:
+  LoginTest() {
+    mgr_.set_api(&api_);
+    mgr_.set_processor_count(2);
+    client_.attach_data_manager(&mgr_);
+  }
+  ~LoginTest() override { mgr_.stop(); }
+
+  std::pair<bool, std::string> Login(int environment = 2) {
+    LoginParam param;
+    param.environment = environment;
+    std::pair<bool, std::string> result{false, "not called"};
+    client_.goLogin(param, [&](bool ok, std::string text) { result = {ok, text}; });
+    return result;
+  }
+
+  testkit::WorkDir dir_;
+  testkit::FakeDataApi api_;
+  DvDataMgr mgr_;
+};
+
+TEST_F(LoginTest, ABrokenConfigurationFailsInitialisation) {
+  auto [ok, text] = Login();
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(text, "初始化失败，请检查配置信息！");
+  EXPECT_TRUE(log_.contains("[tavr::KelQuoteClient::goLogin]: Failed to Init...."));
+  EXPECT_FALSE(client_.logged_in());
+}
+
+TEST_F(LoginTest, AFailedConnectIsRetriedWithoutInitialisingAgain) {
+  dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" + testkit::servers_xml(1) + "</history>"));
+  api_.set_result("Connect", -1);
+  auto [ok, text] = Login();
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(text, "网关连接超时，请检查网络状态，稍后重试！");
+  EXPECT_TRUE(log_.contains("Failed to login...."));
+
+  api_.set_result("Connect", 0);
+  auto [ok2, text2] = Login();
+  EXPECT_TRUE(ok2);
+  EXPECT_EQ(text2, "");
+  EXPECT_TRUE(client_.logged_in());
+  EXPECT_EQ(api_.count("RegisterServer"), 1u);
+  EXPECT_EQ(api_.count("Connect"), 2u);
+
+  StartLogin(1);
+  EXPECT_FALSE(client_.logged_in());
+  EXPECT_FALSE(mgr_.is_started());
+  StartLogin(7);
+  EXPECT_FALSE(mgr_.is_started());
+  StartLogin(0);
+  EXPECT_TRUE(client_.logged_in());
+  EXPECT_TRUE(mgr_.is_started());
+}
+
+}  // namespace
+}  // namespace tavr

@@ -1,0 +1,204 @@
+// The vendor callback adapter: one allocation, one copy and one queue push per
+// record, nothing else on the vendor's thread.
+#include "datamgr/callback_pro.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "datamgr/DvDataMgr.h"
+#include "log/MyLog.h"
+
+namespace tavr {
+
+namespace {
+
+using Shape = CopyRule::Shape;
+
+// name, type, shape, head, elem, count offset, u16, u32, spare byte(s)
+constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, Shape::kHeadPlus, 132, 84, 44, false, false, 1};
+constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, Shape::kHeadPlus, 107, 98, 5, false, false, 1};
+constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
+constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1};
+constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1};
+constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
+constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
+constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
+constexpr CopyRule kHotListData{"CMyCallBackPro::OnRespHotListData", 18, Shape::kHeadPlus, 158, 148, 6, false, false,
+                                1};
+constexpr CopyRule kHotList{"CMyCallBackPro::OnHotList", 19, Shape::kHeadPlus, 156, 148, 4, false, false, 1};
+constexpr CopyRule kMarketStatus{"CMyCallBackPro::OnMarketStatus", 2, Shape::kFixed, 13, 0, 0, false, false, 1};
+constexpr CopyRule kHisDataCount{"CMyCallBackPro::OnRespHisDataCount", 14, Shape::kHeadPlus, 54, 8, 42, false, false,
+                                 0};
+constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 25, Shape::kHeadPlus, 5, 1, 0, false, true, 1};
+constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 24, Shape::kFixed, 8, 0, 0, false, false, 1};
+constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 25, Shape::kHeadPlus, 140, 136, 0, false, false,
+                              1};
+constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 6, Shape::kLevel2, 8, 504, 4, false, false, 1};
+constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 7, Shape::kLevel2, 8, 108, 4, false, false, 1};
+constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 8, Shape::kLevel2, 8, 79, 4, false, false, 1};
+constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 9, Shape::kLevel2, 8, 62, 4, false, false, 1};
+constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 10, Shape::kLevel2, 8, 864, 4, false, false, 1};
+constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 30, Shape::kHeadPlus, 338, 296, 38, false, false, 1};
+constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 31, Shape::kHeadPlus, 30, 16, 10, false, false, 1};
+constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 32, Shape::kFixed, 326, 0, 0, false, false, 1};
+constexpr CopyRule kLatestShare{"CMyCallBackPro::OnRespLatestShareData", 33, Shape::kHeadPlus, 74, 64, 6, false,
+                                false, 1};
+constexpr CopyRule kFinancial{"CMyCallBackPro::OnRespFinancialData", 34, Shape::kHeadPlus, 614, 572, 38, false, false,
+                              1};
+constexpr CopyRule kIncome{"CMyCallBackPro::OnRespIncomeStatData", 35, Shape::kHeadPlus, 581, 539, 38, false, false,
+                           1};
+constexpr CopyRule kCashFlow{"CMyCallBackPro::OnRespCashFlowData", 36, Shape::kHeadPlus, 733, 691, 38, false, false,
+                             1};
+constexpr CopyRule kBalance{"CMyCallBackPro::OnRespBalanceSheetData", 37, Shape::kHeadPlus, 837, 795, 38, false,
+                            false, 1};
+constexpr CopyRule kSHNumber{"CMyCallBackPro::OnRespSHNumberData", 38, Shape::kHeadPlus, 122, 80, 38, false, false,
+                             1};
+constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 39, Shape::kHeadPlus, 2242, 2200, 38,
+                               false, false, 1};
+constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 40, Shape::kHeadPlus, 2242, 2200,
+                               38, false, false, 1};
+constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 12, Shape::kHeadPlus, 138, 80, 54, false, false,
+                            1};
+constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 11, Shape::kHeadPlus, 272, 214, 54, false, false,
+                              1};
+constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 5, Shape::kHeadPlus, 255, 249, 2, false,
+                               false, 1};
+
+template <typename T>
+T ReadAt(const void* record, size_t offset) {
+  T value;
+  std::memcpy(&value, static_cast<const uint8_t*>(record) + offset, sizeof(value));
+  return value;
+}
+
+// The count as the rule reads it, widened so that no arithmetic overflows.
+int64_t CountOf(const CopyRule& rule, const void* record) {
+  if (rule.count_u16) return ReadAt<uint16_t>(record, rule.count_at);
+  if (rule.count_u32) return ReadAt<uint32_t>(record, rule.count_at);
+  return ReadAt<int32_t>(record, rule.count_at);
+}
+
+// head + extra x elem, or 0 beyond the bound.
+size_t Bounded(size_t head, int64_t extra, size_t elem) {
+  if (extra <= 0 || elem == 0) return head;
+  if (static_cast<uint64_t>(extra) > (kMaxRecordBytes - head) / elem) return 0;
+  return head + static_cast<size_t>(extra) * elem;
+}
+
+}  // namespace
+
+size_t copy_size(const CopyRule& rule, const void* record) {
+  switch (rule.shape) {
+    case Shape::kFixed:
+      return rule.head;
+    case Shape::kHeadPlus: {
+      int64_t n = CountOf(rule, record);
+      return Bounded(rule.head, n - 1, rule.elem);
+    }
+    case Shape::kLevel2: {
+      int64_t n = CountOf(rule, record);
+      return n <= 0 ? rule.head + 1 : Bounded(rule.head, n, rule.elem);
+    }
+    case Shape::kHisData: {
+      int64_t n = CountOf(rule, record);
+      if (n <= 0) return rule.head + 1;
+      size_t elem = ReadAt<int32_t>(record, 46) == 14 ? 21 : 48;
+      return Bounded(rule.head, n, elem);
+    }
+  }
+  return 0;
+}
+
+int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
+  if (record == nullptr) {
+    CMyLog::PrintLog(LOG_ERROR, rule.name, "Null record, dropped...");
+    return -1;
+  }
+  size_t size = copy_size(rule, record);
+  if (size == 0) {
+    CMyLog::PrintLog(LOG_ERROR, rule.name, "Record count[%lld] out of range, dropped...",
+                     static_cast<long long>(CountOf(rule, record)));
+    return -1;
+  }
+  void* block = std::malloc(size + rule.spare);
+  DataMsg* msg = block != nullptr ? new (std::nothrow) DataMsg : nullptr;
+  if (msg == nullptr) {
+    std::free(block);
+    CMyLog::PrintLog(LOG_ERROR, rule.name, "分配地址空间出错...");
+    return -1;
+  }
+  std::memcpy(block, record, size);
+  msg->msg_type = rule.msg_type;
+  msg->data = block;
+  msg->size = size;
+  mgr_->push_msg(msg);
+  return 0;
+}
+
+int CMyCallBackPro::OnMarketInit(const void* r) { return Queue(kMarketInit, r); }
+int CMyCallBackPro::OnMarketOtherBase(const void* r) { return Queue(kOtherBase, r); }
+int CMyCallBackPro::OnRespRefInfo(const void* r) { return Queue(kRefInfo, r); }
+int CMyCallBackPro::OnTickL1(const void* r) { return Queue(kTickL1, r); }
+int CMyCallBackPro::OnRespHisData(const void* r) { return Queue(kHisData, r); }
+int CMyCallBackPro::OnRespHolidayInfo(const void* r) { return Queue(kHoliday, r); }
+int CMyCallBackPro::OnRespPower(const void* r) { return Queue(kPower, r); }
+int CMyCallBackPro::OnRespHotListDef(const void* r) { return Queue(kHotListDef, r); }
+int CMyCallBackPro::OnRespHotListData(const void* r) { return Queue(kHotListData, r); }
+int CMyCallBackPro::OnHotList(const void* r) { return Queue(kHotList, r); }
+int CMyCallBackPro::OnMarketStatus(const void* r) { return Queue(kMarketStatus, r); }
+int CMyCallBackPro::OnRespHisDataCount(const void* r) { return Queue(kHisDataCount, r); }
+int CMyCallBackPro::OnRespSCanner(const void* r) { return Queue(kScanner, r); }
+int CMyCallBackPro::OnRespSharedFields(const void* r) { return Queue(kSharedFields, r); }
+int CMyCallBackPro::OnRespNewIssueList(const void* r) { return Queue(kNewIssues, r); }
+int CMyCallBackPro::OnTickL2(const void* r) { return Queue(kTickL2, r); }
+int CMyCallBackPro::OnIndexL2(const void* r) { return Queue(kIndexL2, r); }
+int CMyCallBackPro::OnTransL2(const void* r) { return Queue(kTransL2, r); }
+int CMyCallBackPro::OnOrderL2(const void* r) { return Queue(kOrderL2, r); }
+int CMyCallBackPro::OnOrderQueueL2(const void* r) { return Queue(kOrderQueueL2, r); }
+int CMyCallBackPro::OnRespShareData(const void* r) { return Queue(kShareData, r); }
+int CMyCallBackPro::OnRespHKRateData(const void* r) { return Queue(kHKRate, r); }
+int CMyCallBackPro::OnRespIndustryData(const void* r) { return Queue(kIndustry, r); }
+int CMyCallBackPro::OnRespLatestShareData(const void* r) { return Queue(kLatestShare, r); }
+int CMyCallBackPro::OnRespFinancialData(const void* r) { return Queue(kFinancial, r); }
+int CMyCallBackPro::OnRespIncomeStatData(const void* r) { return Queue(kIncome, r); }
+int CMyCallBackPro::OnRespCashFlowData(const void* r) { return Queue(kCashFlow, r); }
+int CMyCallBackPro::OnRespBalanceSheetData(const void* r) { return Queue(kBalance, r); }
+int CMyCallBackPro::OnRespSHNumberData(const void* r) { return Queue(kSHNumber, r); }
+int CMyCallBackPro::OnRespMostShareHolderData(const void* r) { return Queue(kMostHolder, r); }
+int CMyCallBackPro::OnRespNegotiableShareHolderData(const void* r) { return Queue(kNegotiable, r); }
+
+// The record is read for the log before it is queued: once queued, the copy
+// belongs to a service thread.
+int CMyCallBackPro::OnRespHisTickKcbData(const void* r) {
+  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
+  char code[49] = {};
+  if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
+  int rc = Queue(kTickKcb, r);
+  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kTickKcb.name, "收到tick stib 数据[%s][%d]...", code, id);
+  return rc;
+}
+
+int CMyCallBackPro::OnRespL1HisTickData(const void* r) {
+  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
+  char code[49] = {};
+  if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
+  int rc = Queue(kL1HisTick, r);
+  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kL1HisTick.name, "收到tick new 数据[%s][%d]...", code, id);
+  return rc;
+}
+
+int CMyCallBackPro::OnRespMarketPushData(const void* r) {
+  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
+  int32_t count = r != nullptr ? ReadAt<int32_t>(r, kMarketPush.count_at) : 0;
+  int rc = Queue(kMarketPush, r);
+  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kMarketPush.name, "收到Market Push 数据[%d][%d]...", id, count);
+  return rc;
+}
+
+int CMyCallBackPro::OnConnectStatus(int server, int status) {
+  mgr_->on_connect_status(server, status);
+  return 0;
+}
+
+}  // namespace tavr
