@@ -119,8 +119,8 @@ TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleases) {
     auto rates = api_.calls("ReqHKRate");
     ASSERT_EQ(rates.size(), 1u);
     HKRateRequest rate = testkit::record_of<HKRateRequest>(rates[0]);
-    EXPECT_EQ(rate.begin, 0);
-    EXPECT_EQ(rate.end, 0);
+    EXPECT_EQ(int32_t{rate.begin}, 0);  // copied out: the field is unaligned
+    EXPECT_EQ(int32_t{rate.end}, 0);
     EXPECT_TRUE(log_.wait_for("Daily job thread start......", cycle + 1));
 
     EXPECT_TRUE(mgr_.stop());

@@ -7,12 +7,22 @@
 #include <mutex>
 
 #include "dataapi/DataApi.h"
+#include "dataapi/sim/callback_thread.h"
 
 namespace sim {
 
 class SimDataApi final : public CDataApi {
  public:
   SimDataApi() = default;
+
+  // The process's simulator, as GetApiInstance hands it out.
+  static SimDataApi& instance();
+
+  void refuse_connect(bool refuse);
+  // Delivers OnConnectStatus(server, status) on the callback thread; false
+  // when no callback object is registered.
+  bool report_connection(int server, int status);
+  bool wait_idle(int timeout_ms) { return callbacks_.wait_idle(timeout_ms); }
 
   const char* GetVersion() override;
   int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) override;
@@ -71,10 +81,15 @@ class SimDataApi final : public CDataApi {
   int UnsubscribeMarketPush(const ApiMarketItem*) override { return 0; }
 
  private:
+  // Runs fn with the registered callback object on the callback thread.
+  void deliver(std::function<void(CDataApiCallBack*)> fn);
+
   std::mutex mu_;
   ServerTable servers_;
   CDataApiCallBack* callback_ = nullptr;
   bool connected_ = false;
+  bool refuse_connect_ = false;
+  CallbackThread callbacks_;  // last: it stops before the state it reads goes
 };
 
 }  // namespace sim

@@ -1,0 +1,25 @@
+// Control of the simulated quote service, for tests and the demo host: what
+// a network and a server would otherwise do to the connection. Every report
+// reaches the library through its callback object, on the simulator's own
+// callback thread.
+#ifndef KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_
+#define KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_
+
+#include "kelquote/export.h"
+
+extern "C" {
+
+// While refuse is non-zero, Connect fails as an unreachable server does.
+DATAAPI_API void SimRefuseConnect(int refuse);
+
+// The quote server connection drops (status 0), comes back (status 1), or
+// the vendor gives up reconnecting (status 2). server is 0 for the quote
+// server, 1 history, 2 massive history. Returns -1 when no callback object
+// is registered, else 0.
+DATAAPI_API int SimReportConnection(int server, int status);
+
+// Waits until every callback due now has been delivered: 1, or 0 on time-out.
+DATAAPI_API int SimWaitIdle(int timeout_ms);
+}
+
+#endif  // KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_

@@ -1,0 +1,101 @@
+// The connection's life against the simulated quote service: login, loss,
+// restore and failure, as the host and a waiting request see them.
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dataapi/sim/sim_control.h"
+#include "datamgr/DvDataMgr.h"
+#include "kelquote/KelQuoteClient.h"
+#include "testkit/log_capture.h"
+#include "testkit/work_dir.h"
+
+namespace tavr {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ConnectionScenarioTest : public ::testing::Test {
+ protected:
+  ConnectionScenarioTest() {
+    dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
+                                                    testkit::servers_xml(1) + "</history>"));
+    client_.registerQuoterConnectCallBack([this](int code, std::string) {
+      std::lock_guard<std::mutex> lock(mu_);
+      codes_.push_back(code);
+    });
+  }
+  ~ConnectionScenarioTest() override { SimRefuseConnect(0); }
+
+  std::pair<bool, std::string> Login() {
+    std::pair<bool, std::string> result{false, "not called"};
+    client_.goLogin(LoginParam{}, [&](bool ok, std::string text) { result = {ok, text}; });
+    log_.enable_all_levels();
+    return result;
+  }
+  void Report(int server, int status) {
+    ASSERT_EQ(SimReportConnection(server, status), 0);
+    ASSERT_EQ(SimWaitIdle(5000), 1);
+  }
+  std::vector<int> codes() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return codes_;
+  }
+  DvDataMgr& mgr() { return *client_.data_manager(); }
+
+  testkit::WorkDir dir_;
+  testkit::LogCapture log_;
+  KelQuoteClient client_;
+  std::mutex mu_;
+  std::vector<int> codes_;
+};
+
+TEST_F(ConnectionScenarioTest, ARequestWaitingThroughALossAndARestoreGoesThrough) {
+  ASSERT_TRUE(Login().first);
+  Report(1, 0);  // the history server's state does not gate requests
+  EXPECT_TRUE(mgr().is_connected());
+  Report(0, 0);
+  EXPECT_FALSE(mgr().is_connected());
+
+  auto gate = std::async(std::launch::async, [this] { return mgr().pass_request_gate("Scenario::request"); });
+  std::this_thread::sleep_for(500ms);
+  Report(0, 1);
+  EXPECT_TRUE(gate.get());
+  EXPECT_TRUE(mgr().is_connected());
+  EXPECT_EQ(codes(), (std::vector<int>{1, 0}));
+  EXPECT_FALSE(log_.contains("后台已断开"));
+}
+
+TEST_F(ConnectionScenarioTest, AfterAFailureRequestsFailAtOnceUntilTheNextLogin) {
+  ASSERT_TRUE(Login().first);
+  Report(0, 2);
+  EXPECT_FALSE(mgr().is_started());
+  EXPECT_EQ(codes(), std::vector<int>{2});
+
+  auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(mgr().pass_request_gate("Scenario::request"));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 300ms);
+  EXPECT_TRUE(log_.contains("[Scenario::request]: 后台已断开，无法发送请求，需要客户端重启..."));
+
+  ASSERT_TRUE(Login().first);
+  EXPECT_TRUE(mgr().pass_request_gate("Scenario::request"));
+}
+
+TEST_F(ConnectionScenarioTest, ARefusedConnectFailsTheLoginWithTheTimeoutText) {
+  SimRefuseConnect(1);
+  auto [ok, text] = Login();
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(text, "网关连接超时，请检查网络状态，稍后重试！");
+  EXPECT_FALSE(client_.logged_in());
+  SimRefuseConnect(0);
+  EXPECT_TRUE(Login().first);
+  EXPECT_TRUE(client_.logged_in());
+}
+
+}  // namespace
+}  // namespace tavr
