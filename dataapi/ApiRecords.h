@@ -90,6 +90,176 @@ struct ApiPowerItem {
 };
 static_assert(sizeof(ApiPowerItem) == 264);
 
+
+// ---- Market reference data -------------------------------------------------
+// Replies are headed by their element count where the callback table says;
+// the service writes text fields NUL-terminated and GBK.
+
+// Status of one market (OnMarketStatus). ReqMarketStatus(0) asks for every
+// market's status, ReqMarketStatus(id) for one.
+struct ApiMarketStatus {
+  uint8_t market_id;
+  int32_t date;      // yyyymmdd
+  int32_t changed;   // non-zero: the market's data changed since the last status
+  uint32_t checksum;
+};
+static_assert(sizeof(ApiMarketStatus) == 13);
+
+// Head of a market's initialisation data (OnMarketInit), followed by
+// code_count ApiCodeInit records. ReqMarketInit(0) asks for every market.
+struct ApiMarketInitHead {
+  uint8_t market_id;
+  uint8_t market_type;
+  char market_desc[32];
+  uint8_t flag_a;
+  uint8_t flag_b;
+  int32_t trade_date;        // yyyymmdd
+  int32_t trade_date_extra;  // the trading day's night session date, 0 if none
+  uint32_t code_count;
+};
+static_assert(sizeof(ApiMarketInitHead) == 48);
+static_assert(offsetof(ApiMarketInitHead, flag_a) == 34);
+static_assert(offsetof(ApiMarketInitHead, trade_date) == 36);
+static_assert(offsetof(ApiMarketInitHead, code_count) == 44);
+
+// One instrument of a market's initialisation data.
+struct ApiCodeInit {
+  char code[32];
+  char name[32];
+  uint16_t type_code;
+  uint8_t price_digits;
+  uint8_t code_flag;
+  uint16_t volume_unit;  // shares per lot, 0 meaning 1
+  uint32_t list_date;    // yyyymmdd
+  float eps;             // earnings per share
+  float pre_close;       // reference close
+  uint8_t reserved[2];
+};
+static_assert(sizeof(ApiCodeInit) == 84);
+static_assert(offsetof(ApiCodeInit, type_code) == 64);
+static_assert(offsetof(ApiCodeInit, list_date) == 70);
+static_assert(offsetof(ApiCodeInit, eps) == 74);
+static_assert(offsetof(ApiCodeInit, pre_close) == 78);
+
+// Trading attributes of a market's instruments (OnMarketOtherBase), answer
+// to ReqMarketOtherBase(id); count records of ApiOtherBaseItem follow.
+struct ApiMarketOtherBaseHead {
+  uint8_t market_id;
+  uint8_t reserved[4];
+  int32_t count;
+};
+static_assert(sizeof(ApiMarketOtherBaseHead) == 9);
+
+struct ApiOtherBaseItem {
+  uint8_t board;        // 0 main, 1 SME, 2 ChiNext, 3 STAR, 4 options, 5 funds, 6 bonds
+  uint8_t margin;       // flags: 0 or 1
+  uint8_t short_sell;
+  uint8_t connect;      // eligible for the Hong Kong connect
+  uint8_t st;           // under special treatment
+  uint8_t suspended;
+  uint8_t reserved[59];
+  char code[33];
+};
+static_assert(sizeof(ApiOtherBaseItem) == 98);
+static_assert(offsetof(ApiOtherBaseItem, code) == 65);
+
+// Reference information of a market's instruments (OnRespRefInfo), answer
+// to ReqRefInfo(id); count records of ApiRefInfoItem follow.
+struct ApiRefInfoHead {
+  int32_t market_id;
+  int32_t count;
+};
+static_assert(sizeof(ApiRefInfoHead) == 8);
+
+struct ApiRefInfoItem {
+  int32_t seq;
+  char code[32];
+  double eps;        // earnings per share
+  double pre_close;  // reference close
+  float tick;        // price tick
+  double upper_limit;
+  double lower_limit;
+  char reserved[298];
+};
+static_assert(sizeof(ApiRefInfoItem) == 370);
+static_assert(offsetof(ApiRefInfoItem, code) == 4);
+static_assert(offsetof(ApiRefInfoItem, eps) == 36);
+static_assert(offsetof(ApiRefInfoItem, tick) == 52);
+
+// Share capital of a market's instruments (OnRespLatestShareData), answer to
+// ReqLatestShare(id).
+struct ApiLatestShareHead {
+  uint8_t market_id;
+  uint8_t reserved;
+  int32_t date;  // yyyymmdd of the figures
+  int32_t count;
+};
+static_assert(sizeof(ApiLatestShareHead) == 10);
+
+struct ApiLatestShareItem {
+  char code[32];
+  int64_t total_shares;
+  int64_t float_shares;
+  double net_assets_per_share;
+  uint8_t reserved[8];
+};
+static_assert(sizeof(ApiLatestShareItem) == 64);
+
+// New issues (OnRespNewIssueList), answer to ReqNewIssueList(0).
+struct ApiNewIssueHead {
+  int32_t count;
+};
+static_assert(sizeof(ApiNewIssueHead) == 4);
+
+struct ApiNewIssueItem {
+  uint8_t market_id;
+  char code[16];
+  char name[32];
+  char purchase_code[16];
+  int32_t issue_date;     // yyyymmdd
+  double issue_price;
+  int64_t issue_volume;   // shares
+  int32_t purchase_limit; // shares per account
+  int32_t listing_date;   // yyyymmdd, 0 until known
+  char board[16];
+  uint8_t reserved[27];
+};
+static_assert(sizeof(ApiNewIssueItem) == 136);
+static_assert(offsetof(ApiNewIssueItem, issue_date) == 65);
+static_assert(offsetof(ApiNewIssueItem, board) == 93);
+
+// Fields shared by every market (OnRespSharedFields), answer to ReqSharedFields.
+struct ApiSharedFields {
+  int32_t version;
+  float rate;
+};
+static_assert(sizeof(ApiSharedFields) == 8);
+
+// Exchange holidays (OnRespHolidayInfo), answer to ReqHoliday(2).
+struct ApiHolidayHead {
+  int32_t kind;
+  int32_t count;
+};
+static_assert(sizeof(ApiHolidayHead) == 8);
+
+// Hong Kong connect exchange rates (OnRespHKRateData), answer to ReqHKRate;
+// count ApiHKRateItem records follow.
+struct ApiHKRateHead {
+  uint16_t field;
+  int32_t begin;
+  int32_t end;
+  uint32_t count;
+};
+static_assert(sizeof(ApiHKRateHead) == 14);
+
+struct ApiHKRateItem {
+  int32_t date;
+  uint8_t reserved[4];
+  float rate_a;  // buying rate, HKD to CNY
+  float rate_b;  // selling rate
+};
+static_assert(sizeof(ApiHKRateItem) == 16);
+
 #pragma pack(pop)
 
 #endif  // KELQUOTE_DATAAPI_APIRECORDS_H_

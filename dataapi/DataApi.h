@@ -52,8 +52,11 @@ class CDataApi {
   /* 1 */ virtual const char* GetVersion() = 0;
   /* 2 */ virtual int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) = 0;
   /* 3 */ virtual int Connect(ConnectResult* result) = 0;
+  // Initialisation data (OnMarketInit) of one market, or of every market with 0.
   /* 4 */ virtual int ReqMarketInit(int32_t market_id) = 0;
+  // Status (OnMarketStatus) of one market, or of every market with 0.
   /* 5 */ virtual int ReqMarketStatus(int32_t market_id) = 0;
+  // Data shared by all markets: OnRespSharedFields, then OnRespNewIssueList.
   /* 6 */ virtual int ReqBaseData() = 0;
   /* 7 */ virtual int SubscribeL1(const ApiCodeItem* items, int32_t count) = 0;
   /* 8 */ virtual int UnsubscribeL1(const ApiCodeItem* items, int32_t count) = 0;

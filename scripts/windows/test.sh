@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Cross-builds the project for Windows x64 into build/win64, runs the whole
+# test suite under Wine and checks the export and import tables of the DLLs.
+#   scripts/windows/test.sh [extra ctest arguments...]
+# Installs MinGW-w64, Wine and cmake when missing and builds the Windows
+# dependencies once into ${KELQUOTE_WIN_DEPS:-$HOME/.cache/kelquote/win64-deps}.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+top=$(pwd)
+build=build/win64
+bin=$build/bin
+jobs=$(nproc 2>/dev/null || echo 2)
+
+scripts/windows/build-deps.sh
+
+echo "== win64: build"
+cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" -j "$jobs"
+
+# --- export and import tables ---------------------------------------------------
+objdump=x86_64-w64-mingw32-objdump
+fail=0
+problem() {
+  echo "win64: $*" >&2
+  fail=1
+}
+# Names in the export table of a DLL, one a line.
+exports() {
+  "$objdump" -p "$1" | awk '
+    /^\[Ordinal\/Name Pointer\] Table/ { on = 1; next }
+    on && /^[[:space:]]*$/ { on = 0 }
+    on { print $NF }'
+}
+# DLLs a module imports from, lower case.
+imports() { "$objdump" -p "$1" | awk '/DLL Name:/ { print tolower($3) }'; }
+
+echo "== win64: export tables"
+for dll in kelquote DataApi uaAuth quoter utils; do
+  [ -f "$bin/$dll.dll" ] || problem "$bin/$dll.dll was not built"
+done
+[ "$fail" -eq 0 ] || exit 1
+
+kq_exports=$(exports "$bin/kelquote.dll")
+grep -qx getKelClient <<<"$kq_exports" || problem "kelquote.dll does not export getKelClient"
+# The exported classes: the client, its interface and the financial records.
+exported_classes=(KelQuoteClient BaseQuoteClient DraVikIData FinanceDataParam)
+for cls in "${exported_classes[@]}"; do
+  grep -q "4tavr${#cls}${cls}" <<<"$kq_exports" || problem "kelquote.dll exports nothing of tavr::$cls"
+done
+# Everything else stays inside: only getKelClient and members, virtual tables
+# and type information of the exported classes may appear.
+allowed="^getKelClient\$"
+for cls in "${exported_classes[@]}"; do
+  allowed+="|^_Z(NK?|T[VIS]N)4tavr${#cls}${cls}"
+done
+stray=$(grep -Ev "$allowed" <<<"$kq_exports" || true)
+if [ -n "$stray" ]; then
+  problem "kelquote.dll exports more than its interface:"
+  c++filt <<<"$stray" | sed 's/^/    /' >&2
+fi
+grep -q DvDataMgr <<<"$kq_exports" && problem "kelquote.dll exports data manager symbols"
+
+# The vendor libraries are replaceable only if ours carry their C names.
+grep -qx GetApiInstance <<<"$(exports "$bin/DataApi.dll")" || problem "DataApi.dll does not export GetApiInstance"
+grep -qx SymDecryptFile <<<"$(exports "$bin/uaAuth.dll")" || problem "uaAuth.dll does not export SymDecryptFile"
+
+# kelquote.dll loads on a bare Windows: besides system DLLs it needs only the
+# project's own, no MinGW runtime.
+for module in "$bin"/*.dll "$bin"/*.exe; do
+  bad=$(imports "$module" | grep -E '^(libstdc\+\+|libgcc|libwinpthread|liblog4cplus|libtinyxml2|libgtest)' || true)
+  [ -z "$bad" ] || problem "$(basename "$module") needs $(echo $bad)"
+done
+expected="dataapi.dll quoter.dll uaauth.dll utils.dll"
+got=$(imports "$bin/kelquote.dll" | grep -Ev '^(kernel32|msvcrt|ws2_32|advapi32|user32|shell32|ole32|api-ms-win-.*)\.dll$' | sort | xargs)
+[ "$got" = "$expected" ] || problem "kelquote.dll imports [$got], expected [$expected]"
+[ "$fail" -eq 0 ] || exit 1
+echo "kelquote.dll exports getKelClient and ${exported_classes[*]} only ($(wc -l <<<"$kq_exports") names)"
+
+# --- the suite under Wine ------------------------------------------------------
+echo "== win64: test (Wine)"
+# A throwaway prefix, never the user's; no display, no Mono/Gecko installers.
+WINEPREFIX=$(mktemp -d "${TMPDIR:-/tmp}/kelquote-wine.XXXXXX")
+export WINEPREFIX WINEARCH=win64 WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+unset DISPLAY WAYLAND_DISPLAY
+cleanup() {
+  wineserver -k >/dev/null 2>&1 || true
+  rm -rf "$WINEPREFIX"
+}
+trap cleanup EXIT
+# Create the prefix once, before parallel tests race to do it, and keep the
+# server up between the many short test processes.
+wineboot -i >/dev/null 2>&1
+wineserver -p
+(cd "$build" && ctest -j "$jobs" --output-on-failure "$@")
