@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <memory>
 #include <string>
@@ -17,6 +18,7 @@
 #include "dataapi/DataApi.h"
 #include "datamgr/callback_pro.h"
 #include "datamgr/prelude.h"
+#include "market/base_code_info.h"
 #include "market/calendar.h"
 #include "market/market_info.h"
 #include "port/port.h"
@@ -81,8 +83,25 @@ class DvDataMgr {
   // bytes of data that handlers may read.
   void on_reply_data(int msg_type, void* data, size_t size);
 
-  // Reply handlers, one per message type, each given the copied record.
+  // Reply handlers, one per message type, each given the copied record and
+  // the number of bytes copied, which bounds what it reads.
   void on_reply_power(const void* data, size_t size);
+  void on_reply_data(const ApiMarketInitHead* data, size_t size);
+  void on_reply_data(const ApiMarketStatus* data, size_t size);
+  void on_reply_data(const ApiMarketOtherBaseHead* data, size_t size);
+  void on_reply_data(const ApiRefInfoHead* data, size_t size);
+  void on_reply_data(const ApiLatestShareHead* data, size_t size);
+  void on_reply_data(const ApiNewIssueHead* data, size_t size);
+  void on_reply_data(const ApiSharedFields* data, size_t size);
+  void on_reply_data(const ApiHolidayHead* data, size_t size);
+  void on_reply_data(const ApiHKRateHead* data, size_t size);
+
+  // Instrument lookup: 1 when code is in the market's base_codes, 2 in its
+  // other_codes, 0 in neither. The caller holds markets().codes_mu.
+  static int find_code(const MarketInfo& market, const std::string& code, std::shared_ptr<BaseCodeInfo>& out);
+  // The contract a continuous futures code stands for: kind 1 "Main", 2 "Recent".
+  std::string continuous_contract(int kind, const std::string& code) const;
+  std::vector<IPOCodeInfo> new_issues() const;
 
   // Builds the server table from "./dravikcfg.dat".
   bool init_cfg(bool isReal);
@@ -102,6 +121,8 @@ class DvDataMgr {
   void request_base_data();
   void prepare_markets();
   void request_market_data(int32_t market_id);
+  // The requests that complete a market's initialisation, by its kind.
+  void request_follow_ups(MarketInfo& market);
   void request_holidays();
   void request_hkc_rate(int32_t begin, int32_t end);
 
@@ -142,6 +163,9 @@ class DvDataMgr {
   // Overrides the clock of the daily job (seconds since the epoch) and its wake-up period.
   void set_clock(std::function<double()> clock) { clock_ = std::move(clock); }
   void set_timer_period_ms(int ms) { timer_period_ms_ = ms; }
+  // Replaces the sleep of waitDynamicTime (milliseconds), so that waits can be
+  // shortened.
+  void set_sleeper(std::function<void(int)> sleeper) { sleeper_ = std::move(sleeper); }
   // Overrides the processor count that sizes the service pool.
   void set_processor_count(int n) { processors_ = n; }
   // Called on the service thread with every message just before dispatch.
@@ -188,9 +212,15 @@ class DvDataMgr {
   MarketTable markets_;
   Calendar calendar_;
 
+  mutable std::mutex contracts_mu_;
+  std::map<std::pair<int, std::string>, std::string> contracts_;  // (kind, code) -> contract
+  mutable std::mutex issues_mu_;
+  std::vector<IPOCodeInfo> new_issues_;
+
   std::function<double()> clock_;
   int timer_period_ms_ = 10000;
   int processors_ = 0;
+  std::function<void(int)> sleeper_;
   std::function<void(uint32_t, void*, size_t)> message_hook_;
 };
 

@@ -16,7 +16,15 @@ namespace {
 // accept and ignore it, or log it as invalid.
 enum class Route : uint8_t { kInvalid, kIgnore, kHandler };
 
-using Handler = void (DvDataMgr::*)(const void*, size_t);
+using Handler = void (*)(DvDataMgr&, const void*, size_t);
+
+// Adapts a handler that takes its own payload type to the table's form.
+template <typename Payload>
+void Handle(DvDataMgr& mgr, const void* data, size_t size) {
+  mgr.on_reply_data(static_cast<const Payload*>(data), size);
+}
+
+void HandlePower(DvDataMgr& mgr, const void* data, size_t size) { mgr.on_reply_power(data, size); }
 
 struct Entry {
   Route route = Route::kInvalid;
@@ -34,7 +42,16 @@ static const std::array<Entry, kMaxType + 1>& RouteTable() {
     std::array<Entry, kMaxType + 1> t{};
     for (int type = 0; type <= kMaxType; ++type) t[type].route = Route::kIgnore;
     t[29].route = Route::kInvalid;
-    t[16] = {Route::kHandler, &DvDataMgr::on_reply_power};
+    t[0] = {Route::kHandler, &Handle<ApiMarketInitHead>};
+    t[1] = {Route::kHandler, &Handle<ApiMarketOtherBaseHead>};
+    t[2] = {Route::kHandler, &Handle<ApiMarketStatus>};
+    t[3] = {Route::kHandler, &Handle<ApiRefInfoHead>};
+    t[15] = {Route::kHandler, &Handle<ApiHolidayHead>};
+    t[16] = {Route::kHandler, &HandlePower};
+    t[24] = {Route::kHandler, &Handle<ApiSharedFields>};
+    t[25] = {Route::kHandler, &Handle<ApiNewIssueHead>};
+    t[31] = {Route::kHandler, &Handle<ApiHKRateHead>};
+    t[33] = {Route::kHandler, &Handle<ApiLatestShareHead>};
     return t;
   }();
   return table;
@@ -44,7 +61,7 @@ void DvDataMgr::on_reply_data(int msg_type, void* data, size_t size) {
   if (msg_type >= 0 && msg_type <= kMaxType) {
     const Entry& entry = RouteTable()[msg_type];
     if (entry.route == Route::kHandler) {
-      (this->*entry.handler)(data, size);
+      entry.handler(*this, data, size);
       return;
     }
     if (entry.route == Route::kIgnore) return;

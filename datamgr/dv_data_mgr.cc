@@ -258,11 +258,11 @@ void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::st
   if (attempt > 5) {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待1000ms后开始处理![#%d]",
                      function, market.c_str(), kind, attempt);
-    port::SleepMs(1000);
+    sleeper_ ? sleeper_(1000) : port::SleepMs(1000);
   } else {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待400ms![#%d]", function,
                      market.c_str(), kind, attempt);
-    port::SleepMs(400);
+    sleeper_ ? sleeper_(400) : port::SleepMs(400);
   }
 }
 

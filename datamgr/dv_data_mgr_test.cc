@@ -223,6 +223,8 @@ TEST_F(DataMgrTest, DailyJobRunsOncePerWeekdayMorning) {
   mgr_.set_timer_period_ms(5);
   ASSERT_TRUE(mgr_.start());
   ASSERT_TRUE(log_.wait_for("Start daily job......"));
+  // The job logs before it sends its requests.
+  for (int i = 0; i < 500 && api_.count("ReqHoliday") < 2; ++i) port::SleepMs(2);
   EXPECT_EQ(api_.count("ReqHKRate"), 2u);  // start-up and the job
   EXPECT_EQ(api_.count("ReqHoliday"), 2u);
   // The rate request goes before the holidays.

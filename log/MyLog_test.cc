@@ -76,6 +76,19 @@ TEST(MyLogTest, OnlyTheSixLevelsAreWritten) {
   EXPECT_FALSE(capture.contains("odd"));
 }
 
+// The conversions the format check accepts must also be what the formatter
+// does; on Windows the msvcrt formatter would garble %Lf and the size modifiers.
+TEST(MyLogTest, FormatsC99Conversions) {
+  testkit::LogCapture capture;
+  size_t big = 4000000000u;
+  long long negative = -(1LL << 40);
+  unsigned char small = 200;
+  CMyLog::PrintLog(LOG_INFO, "T::f", "%zu %lld %hhu %.2Lf %.3f %s", big, negative, small, 2.25L, 0.125, "end");
+  auto lines = capture.lines();
+  ASSERT_EQ(lines.size(), 1u) << capture.dump();
+  EXPECT_EQ(lines[0].text, "[T::f]: 4000000000 -1099511627776 200 2.25 0.125 end");
+}
+
 TEST_F(FreshProcessLogTest, FirstInitWritesDefaultFileAndLogsInfoButNotDebug) {
   EXPECT_EXIT(
       {

@@ -2,6 +2,7 @@
 #ifndef KELQUOTE_MARKET_MARKET_INFO_H_
 #define KELQUOTE_MARKET_MARKET_INFO_H_
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -13,6 +14,9 @@ namespace tavr {
 struct BaseCodeInfo;
 using CodeTable = std::map<std::string, std::shared_ptr<BaseCodeInfo>>;
 
+// Header fields and both code tables are read and written under
+// MarketTable::codes_mu; the state flags are atomic so that waiting readers
+// may poll them without it.
 struct MarketInfo {
   uint8_t market_id = 0;
   uint8_t market_type = 0;
@@ -27,10 +31,10 @@ struct MarketInfo {
   int32_t start_date = 0;
   CodeTable other_codes;  // guarded by MarketTable::codes_mu
   int32_t second_date = 0;
-  bool initialised = false;
-  bool other_base_ready = false;
-  bool ref_info_ready = false;
-  bool reinit_pending = false;
+  std::atomic<bool> initialised{false};
+  std::atomic<bool> other_base_ready{false};
+  std::atomic<bool> ref_info_ready{false};
+  std::atomic<bool> reinit_pending{false};
   uint32_t status_checksum = 0;
 };
 
@@ -44,7 +48,8 @@ class MarketTable {
   // Empties both instrument tables of every market.
   void clear_codes();
 
-  // Guards every market's base_codes and other_codes.
+  // The instrument lock: guards every market's header fields, base_codes and
+  // other_codes. Held only to read or copy, never across a wait or a callback.
   mutable std::mutex codes_mu;
 
  private:

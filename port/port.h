@@ -10,7 +10,11 @@
 #include <mutex>
 #include <string>
 
-#if defined(__GNUC__)
+#if defined(__MINGW32__)
+// MinGW's "printf" checks the msvcrt dialect (no %zu, %hhd), but libstdc++
+// routes std::vsnprintf to MinGW's C99 implementation.
+#define KQ_PRINTF_FORMAT(fmt, first) __attribute__((format(gnu_printf, fmt, first)))
+#elif defined(__GNUC__)
 #define KQ_PRINTF_FORMAT(fmt, first) __attribute__((format(printf, fmt, first)))
 #else
 #define KQ_PRINTF_FORMAT(fmt, first)

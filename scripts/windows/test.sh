@@ -65,6 +65,16 @@ if grep -Eq "$(entity DvDataMgr)" <<<"$kq_exports"; then problem "kelquote.dll e
 grep -qx GetApiInstance <<<"$(exports "$bin/DataApi.dll")" || problem "DataApi.dll does not export GetApiInstance"
 grep -qx SymDecryptFile <<<"$(exports "$bin/uaAuth.dll")" || problem "uaAuth.dll does not export SymDecryptFile"
 
+# ...and kelquote.dll asks nothing else of them.
+for pair in DataApi.dll:GetApiInstance uaAuth.dll:SymDecryptFile; do
+  dll=${pair%%:*}
+  wanted=${pair#*:}
+  got=$("$objdump" -p "$bin/kelquote.dll" | awk -v dll="$dll" '
+    /DLL Name:/ { on = ($3 == dll); next }
+    on && /^[[:space:]]*[0-9a-f]+[[:space:]]+[0-9]+[[:space:]]+[^[:space:]]+$/ { print $3 }' | xargs)
+  [ "$got" = "$wanted" ] || problem "kelquote.dll imports [$got] from $dll, expected [$wanted]"
+done
+
 # kelquote.dll loads on a bare Windows: besides system DLLs it needs only the
 # project's own, no MinGW runtime.
 for module in "$bin"/*.dll "$bin"/*.exe; do
@@ -76,6 +86,13 @@ got=$(imports "$bin/kelquote.dll" | grep -Ev '^(kernel32|msvcrt|ws2_32|advapi32|
 [ "$got" = "$expected" ] || problem "kelquote.dll imports [$got], expected [$expected]"
 [ "$fail" -eq 0 ] || exit 1
 echo "kelquote.dll: $(wc -l <<<"$kq_exports") exports, getKelClient and members of ${exported_classes[*]} only"
+
+# --- portability ---------------------------------------------------------------
+# Platform conditionals belong to the platform layer and the export macro.
+conditionals=$(git ls-files -- '*.h' '*.cc' '*.cpp' '*.hpp' ':!port/' ':!include/kelquote/export.h' |
+  xargs grep -nE '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif).*\b(_WIN32|_WIN64|WIN32|__MINGW32__|__MINGW64__|_MSC_VER|__linux__|__unix__|__APPLE__|__CYGWIN__)\b' || true)
+[ -z "$conditionals" ] || problem "platform conditionals outside port/:"$'\n'"$conditionals"
+[ "$fail" -eq 0 ] || exit 1
 
 # --- the suite under Wine ------------------------------------------------------
 echo "== win64: test (Wine)"
@@ -93,3 +110,31 @@ trap cleanup EXIT
 wineserver -p
 wineboot -i >/dev/null 2>&1
 (cd "$build" && ctest -j "$jobs" --output-on-failure "$@")
+
+# --- the demo host ----------------------------------------------------------------
+# The suite links the library statically; this is the path a terminal takes:
+# an executable importing kelquote.dll, which loads DataApi.dll and uaAuth.dll
+# from its own folder, reads ./dravikcfg.dat and writes .\ini\ and ../userdata/log/.
+echo "== win64: demo host (Wine)"
+demo_dir=$build/demo-run
+demo() {
+  rm -rf "$demo_dir"
+  mkdir -p "$demo_dir/run/ini" "$demo_dir/userdata/log"
+  cp config/dravikcfg.dat "$demo_dir/run/"
+  local status=0
+  # A process that cannot exit (threads joined at DLL detach) is a failure too.
+  (cd "$demo_dir/run" && timeout 60 wine "$top/$bin/kelquote_demo.exe" "$@") || status=$?
+  [ "$status" -ne 124 ] || problem "kelquote_demo.exe $* did not exit within 60 s"
+  return "$status"
+}
+if demo --outage; then
+  [ "$(wc -c <"$demo_dir/run/ini/KELQuoteLog.config")" -eq 611 ] ||
+    problem "the demo host did not get the default log configuration"
+  grep -q "Logs init" "$demo_dir/userdata/log/DravikData.log" ||
+    problem "the demo host wrote no ../userdata/log/DravikData.log"
+else
+  problem "kelquote_demo.exe --outage failed"
+fi
+if demo --fail-connect >/dev/null; then problem "kelquote_demo.exe logged in against a refusing service"; fi
+[ "$fail" -eq 0 ] || exit 1
+echo "== win64: all passed"

@@ -1,0 +1,159 @@
+// Holiday and exchange-rate replies, and the trading-day lists built from them.
+#include <chrono>
+#include <cstring>
+
+#include "datamgr/DvDataMgr.h"
+#include "log/MyLog.h"
+#include "market/record_reader.h"
+#include "utils/utils.h"
+
+namespace tavr {
+
+namespace {
+
+using std::chrono::day;
+using std::chrono::month;
+using std::chrono::sys_days;
+using std::chrono::year;
+using std::chrono::year_month_day;
+
+sys_days DaysOf(int32_t date) {
+  return sys_days(year_month_day(year(date / 10000), month(static_cast<unsigned>(date / 100 % 100)),
+                                 day(static_cast<unsigned>(date % 100))));
+}
+
+int32_t DateOf(sys_days days) {
+  year_month_day ymd(days);
+  return static_cast<int>(ymd.year()) * 10000 + static_cast<int>(static_cast<unsigned>(ymd.month())) * 100 +
+         static_cast<int>(static_cast<unsigned>(ymd.day()));
+}
+
+bool Weekend(sys_days days) {
+  std::chrono::weekday wd(days);
+  return wd == std::chrono::Saturday || wd == std::chrono::Sunday;
+}
+
+int32_t Today() { return static_cast<int32_t>(utils::millisecondsToTime(static_cast<int64_t>(utils::getTime() * 1000)) / 1000000); }
+
+}  // namespace
+
+void DvDataMgr::on_reply_data(const ApiHolidayHead* data, size_t size) {
+  ReplyReader<ApiHolidayHead, int32_t> reply(data, size);
+  if (!reply.ok()) return;
+  const char* function = "DvDataMgr::on_reply_data";
+  CMyLog::PrintLog(LOG_INFO, function, "[ApiHolidayRsp] Receive holiday information.....");
+  std::set<int32_t> holidays;
+  size_t count = reply.available(reply.head().count);
+  for (size_t i = 0; i < count; ++i) holidays.insert(reply.item(i));
+  {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    calendar_.holidays = std::move(holidays);
+    // Rebuilt once after start: until then the set holds only the days the
+    // market initialisations added.
+    if (calendar_.trade_days.size() <= 100) {
+      calendar_.trade_days.clear();
+      int32_t first = calendar_.max_trade_date != 0 ? calendar_.max_trade_date : Today();
+      // A date the calendar cannot represent leaves only the earliest date.
+      if (first / 10000 > 1900 && first / 10000 < 3000 && year_month_day(DaysOf(first)).ok()) {
+        for (sys_days d = DaysOf(first); DateOf(d) > calendar_.earliest_date; d -= std::chrono::days(1)) {
+          int32_t date = DateOf(d);
+          if (!Weekend(d) && calendar_.holidays.count(date) == 0) calendar_.trade_days.insert(date);
+        }
+      }
+      calendar_.trade_days.insert(calendar_.earliest_date);
+    }
+    calendar_.trade_days_ready = true;
+  }
+  CMyLog::PrintLog(LOG_INFO, function, "[ApiHolidayRsp] Holiday information end.....");
+}
+
+void DvDataMgr::on_reply_data(const ApiHKRateHead* data, size_t size) {
+  ReplyReader<ApiHKRateHead, ApiHKRateItem> reply(data, size);
+  if (!reply.ok()) return;
+  const ApiHKRateHead& head = reply.head();
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::on_reply_data", "[ApiHKRateRsp] Got HongKong Connect Rate[%d - %d][%d]...",
+                   head.begin, head.end, static_cast<int>(head.count));
+  size_t count = reply.available(head.count);
+  std::lock_guard<std::mutex> lock(calendar_.mu);
+  for (size_t i = 0; i < count; ++i) {
+    ApiHKRateItem item = reply.item(i);
+    calendar_.hk_rates.emplace(item.date, std::make_pair(item.rate_a, item.rate_b));  // the first entry wins
+  }
+  calendar_.hk_rates_ready = true;
+}
+
+void DvDataMgr::get_market_trade_day_list(const std::string& name, char variant, std::vector<int64_t>& days) {
+  const char* function = "DvDataMgr::get_market_trade_day_list";
+  auto market = markets_.find(name);
+  if (market == nullptr) {
+    CMyLog::PrintLog(LOG_ERROR, function, "市场[%s]不存在...", name.c_str());
+    return;
+  }
+  if (variant != 2) variant = 1;
+  int32_t first, last = 0;
+  bool has_last;
+  {
+    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    first = variant == 1 ? market->start_date : market->second_date;
+    has_last = variant == 1 ? market->initialised.load() : market->other_base_ready.load();
+    if (has_last) last = market->trade_date;
+  }
+  auto ready = [this] {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    return calendar_.trade_days_ready;
+  };
+  for (int attempt = 1; !ready() && attempt <= 10; ++attempt) waitDynamicTime(attempt, function, name, variant);
+  if (!ready()) {
+    CMyLog::PrintLog(LOG_ERROR, function, "市场[%s-%d]节假日初始化失败，无法获取交易日列表...", name.c_str(), variant);
+    return;
+  }
+  std::vector<int32_t> dates;
+  size_t total;
+  {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    total = calendar_.trade_days.size();
+    for (auto it = calendar_.trade_days.lower_bound(first); it != calendar_.trade_days.end(); ++it) {
+      if (has_last && *it > last) break;
+      dates.push_back(*it);
+    }
+  }
+  size_t before = days.size();
+  days.reserve(before + dates.size());
+  for (int32_t date : dates) days.push_back(utils::timeToMilliseconds(date, 0));
+  CMyLog::PrintLog(LOG_INFO, function, "Return %d[%d] trading days for market [%s][%d]....",
+                   static_cast<int>(days.size() - before), static_cast<int>(total), name.c_str(), variant);
+}
+
+void DvDataMgr::get_HKC_trade_day_list(char variant, std::vector<int64_t>& days) {
+  const char* function = "DvDataMgr::get_HKC_trade_day_list";
+  int32_t first = variant == 1 ? 20141117 : 20161205;
+  if (auto hk = markets_.find("HK")) {
+    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    first = variant == 1 ? hk->start_date : hk->second_date;
+  }
+  auto ready = [this] {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    return calendar_.hk_rates_ready;
+  };
+  for (int attempt = 1; !ready() && attempt <= 20; ++attempt) {
+    if (attempt == 10) request_hkc_rate(0, 0);
+    waitDynamicTime(attempt, function, "HKC", variant);
+  }
+  if (!ready()) {
+    CMyLog::PrintLog(LOG_ERROR, function, "港股汇率初始化失败，无法获取交易日列表...");
+    return;
+  }
+  std::vector<int32_t> dates;
+  {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    for (auto it = calendar_.hk_rates.lower_bound(first); it != calendar_.hk_rates.end(); ++it) {
+      dates.push_back(it->first);
+    }
+  }
+  size_t before = days.size();
+  for (int32_t date : dates) days.push_back(utils::timeToMilliseconds(date, 0));
+  CMyLog::PrintLog(LOG_INFO, function, "Return %d trading days for market HK[%d]....",
+                   static_cast<int>(days.size() - before), variant);
+}
+
+}  // namespace tavr
