@@ -1,0 +1,65 @@
+// Builders of byte-exact vendor replies from the packed records of the quote
+// API, as the adapter would have copied them.
+#ifndef KELQUOTE_TESTKIT_RECORDS_H_
+#define KELQUOTE_TESTKIT_RECORDS_H_
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "dataapi/ApiRecords.h"
+
+namespace testkit {
+
+// head followed by items, as one reply.
+template <typename Head, typename Item>
+std::vector<uint8_t> reply(const Head& head, const std::vector<Item>& items) {
+  std::vector<uint8_t> bytes(sizeof(Head) + items.size() * sizeof(Item));
+  std::memcpy(bytes.data(), &head, sizeof(Head));
+  if (!items.empty()) std::memcpy(bytes.data() + sizeof(Head), items.data(), items.size() * sizeof(Item));
+  return bytes;
+}
+
+// Copies text into a fixed field, truncating without a terminator when it fills it.
+template <size_t N>
+void set_text(char (&field)[N], const std::string& text) {
+  std::memset(field, 0, N);
+  std::memcpy(field, text.data(), text.size() < N ? text.size() : N);
+}
+
+inline ApiCodeInit code_init(const std::string& code, const std::string& name, uint8_t digits = 2,
+                             uint16_t unit = 100, uint32_t list_date = 20000101) {
+  ApiCodeInit record{};
+  set_text(record.code, code);
+  set_text(record.name, name);
+  record.price_digits = digits;
+  record.volume_unit = unit;
+  record.list_date = list_date;
+  record.eps = 0.5f;
+  record.pre_close = 10.0f;
+  return record;
+}
+
+inline std::vector<uint8_t> market_init(uint8_t market_id, int32_t trade_date, const std::vector<ApiCodeInit>& codes) {
+  ApiMarketInitHead head{};
+  head.market_id = market_id;
+  head.market_type = 1;
+  set_text(head.market_desc, "desc");
+  head.trade_date = trade_date;
+  head.code_count = static_cast<uint32_t>(codes.size());
+  return reply(head, codes);
+}
+
+inline ApiMarketStatus market_status(uint8_t market_id, int32_t date, int32_t changed, uint32_t checksum) {
+  ApiMarketStatus status{};
+  status.market_id = market_id;
+  status.date = date;
+  status.changed = changed;
+  status.checksum = checksum;
+  return status;
+}
+
+}  // namespace testkit
+
+#endif  // KELQUOTE_TESTKIT_RECORDS_H_
