@@ -260,6 +260,157 @@ struct ApiHKRateItem {
 };
 static_assert(sizeof(ApiHKRateItem) == 16);
 
+
+// ---- Real-time data ----------------------------------------------------------
+
+// A level-1 snapshot (OnTickL1), also the element of a whole-market package.
+struct ApiL1Tick {
+  uint8_t market_id;
+  char code[36];
+  int32_t date;  // yyyymmdd
+  int32_t time;  // HHMMSS
+  float volume;  // cumulative, shares
+  float turnover;
+  uint32_t trade_count;
+  float high, last, open, low;
+  float upper_limit, lower_limit;
+  float pre_close;
+  float bid_price[5];
+  float bid_volume[5];  // shares
+  float ask_price[5];
+  float ask_volume[5];
+  uint8_t reserved1[20];
+  uint32_t board_kind;       // 0 to 8: selects the session rule
+  uint32_t after_hours_time; // HHMMSS (kind 8)
+  uint8_t board_value1[4];   // kind 8: float after-hours price; kinds 3, 7: float phase code
+  uint8_t board_value2[4];   // kind 8: uint32 after-hours trade count; kinds 3, 5, 7: float
+  uint8_t board_value3[4];   // kind 8: int32 after-hours volume; kinds 3, 7: float
+  float after_hours_turnover;
+  uint8_t reserved2[32];
+  int32_t after_hours_bid_volume;
+  int32_t after_hours_ask_volume;
+};
+static_assert(sizeof(ApiL1Tick) == 249);
+static_assert(offsetof(ApiL1Tick, date) == 37);
+static_assert(offsetof(ApiL1Tick, high) == 57);
+static_assert(offsetof(ApiL1Tick, pre_close) == 81);
+static_assert(offsetof(ApiL1Tick, bid_price) == 85);
+static_assert(offsetof(ApiL1Tick, ask_volume) == 145);
+static_assert(offsetof(ApiL1Tick, board_kind) == 185);
+static_assert(offsetof(ApiL1Tick, board_value1) == 193);
+static_assert(offsetof(ApiL1Tick, after_hours_turnover) == 205);
+static_assert(offsetof(ApiL1Tick, after_hours_bid_volume) == 241);
+
+// A whole-market package (OnRespMarketPushData): count ApiL1Tick follow.
+struct ApiMarketPushHead {
+  uint16_t market_id;
+  int32_t count;
+};
+static_assert(sizeof(ApiMarketPushHead) == 6);
+
+// Head of every level-2 message: count records follow from byte 8.
+struct ApiL2Head {
+  int32_t reserved;
+  int32_t count;
+};
+static_assert(sizeof(ApiL2Head) == 8);
+
+// A level-2 snapshot with ten levels (OnTickL2). Prices in ten-thousandths.
+struct ApiL2Snapshot {
+  uint32_t market_id;
+  char code[32];
+  int32_t date;
+  uint8_t reserved1[4];
+  int32_t time;  // HHMMSS
+  uint8_t reserved2[4];
+  int64_t high, open, low, last, pre_close;
+  int64_t ask_price[10];   // the first side
+  int64_t ask_volume[10];  // shares
+  int64_t bid_price[10];   // the second side
+  int64_t bid_volume[10];
+  uint32_t trade_count;
+  int64_t volume;
+  int64_t turnover;
+  uint8_t reserved3[72];
+};
+static_assert(sizeof(ApiL2Snapshot) == 504);
+static_assert(offsetof(ApiL2Snapshot, time) == 44);
+static_assert(offsetof(ApiL2Snapshot, high) == 52);
+static_assert(offsetof(ApiL2Snapshot, ask_price) == 92);
+static_assert(offsetof(ApiL2Snapshot, bid_volume) == 332);
+static_assert(offsetof(ApiL2Snapshot, trade_count) == 412);
+static_assert(offsetof(ApiL2Snapshot, turnover) == 424);
+
+// A level-2 index snapshot (OnIndexL2): the snapshot's head without depth.
+struct ApiL2Index {
+  uint32_t market_id;
+  char code[32];
+  int32_t date;
+  uint8_t reserved1[4];
+  int32_t time;  // HHMMSS
+  uint8_t reserved2[4];
+  int64_t high, open, low, last, pre_close;
+  int64_t volume;
+  int64_t turnover;
+};
+static_assert(sizeof(ApiL2Index) == 108);
+static_assert(offsetof(ApiL2Index, high) == 52);
+
+// One trade (OnTransL2).
+struct ApiL2Transaction {
+  uint32_t market_id;
+  char code[32];
+  int32_t date;
+  int32_t time;  // HHMMSSmmm
+  uint8_t reserved1[4];
+  int64_t price;   // ten-thousandths
+  int32_t volume;
+  int64_t amount;  // ten-thousandths
+  int8_t flag1;
+  int8_t flag2;
+  uint8_t reserved2;
+  uint32_t number2;
+  uint32_t number1;
+};
+static_assert(sizeof(ApiL2Transaction) == 79);
+static_assert(offsetof(ApiL2Transaction, price) == 48);
+static_assert(offsetof(ApiL2Transaction, amount) == 60);
+static_assert(offsetof(ApiL2Transaction, number2) == 71);
+
+// One order (OnOrderL2).
+struct ApiL2Order {
+  uint32_t market_id;
+  char code[32];
+  int32_t date;
+  int32_t time;  // HHMMSSmmm
+  int32_t number1;
+  int64_t price;  // ten-thousandths
+  int32_t volume;
+  int8_t flag1;
+  int8_t flag2;
+};
+static_assert(sizeof(ApiL2Order) == 62);
+static_assert(offsetof(ApiL2Order, price) == 48);
+
+// The order queue at one price level (OnOrderQueueL2): the first
+// kListedOrders orders' volumes of orderCount queued.
+struct ApiL2OrderQueue {
+  static constexpr int kListedOrders = 36;
+  uint32_t market_id;
+  char code[32];
+  int32_t date;
+  int32_t time;  // HHMMSSmmm
+  int8_t side;   // 1 bid, 2 ask
+  uint8_t reserved[3];
+  int64_t price;   // ten-thousandths
+  int64_t volume;  // shares queued at the price
+  int32_t order_count;
+  int32_t listed;  // entries of orders used
+  int32_t orders[kListedOrders];
+};
+static_assert(sizeof(ApiL2OrderQueue) == 216);
+static_assert(offsetof(ApiL2OrderQueue, price) == 48);
+
 #pragma pack(pop)
 
 #endif  // KELQUOTE_DATAAPI_APIRECORDS_H_

@@ -17,10 +17,13 @@
 
 #include "dataapi/DataApi.h"
 #include "datamgr/callback_pro.h"
+#include "datamgr/msg_queue.h"
 #include "datamgr/prelude.h"
 #include "market/base_code_info.h"
 #include "market/calendar.h"
 #include "market/market_info.h"
+#include "realtime/l1_convert.h"
+#include "realtime/subscription_table.h"
 #include "port/port.h"
 #include "quoter/quoter.h"
 
@@ -35,6 +38,8 @@ struct DataMsg {
   uint32_t msg_type = 0;
   void* data = nullptr;
   size_t size = 0;
+  uint32_t key = 0;  // ordering key: messages of one key are handled in order, by one thread
+  uint64_t seq = 0;  // arrival number, set by the queue
 };
 
 // The failure value of 16-bit request ids (read as -1 by the client).
@@ -95,6 +100,18 @@ class DvDataMgr {
   void on_reply_data(const ApiSharedFields* data, size_t size);
   void on_reply_data(const ApiHolidayHead* data, size_t size);
   void on_reply_data(const ApiHKRateHead* data, size_t size);
+  void on_reply_data(const ApiL1Tick* data, size_t size);
+  void on_reply_data(const ApiMarketPushHead* data, size_t size);
+  void on_reply_data_l2_tick(const void* data, size_t size);
+  void on_reply_data_l2_tick_index(const void* data, size_t size);
+  void on_reply_data_l2_transaction(const void* data, size_t size);
+  void on_reply_data_l2_order(const void* data, size_t size);
+  void on_reply_data_l2_order_queue(const void* data, size_t size);
+
+  // Reads what a conversion needs of an instrument under the instrument
+  // lock: 0 when the code is unknown, else find_code's table number.
+  int instrument_view(const MarketInfo& market, const std::string& code, InstrumentView& view,
+                      std::shared_ptr<BaseCodeInfo>* record = nullptr);
 
   // Instrument lookup: 1 when code is in the market's base_codes, 2 in its
   // other_codes, 0 in neither. The caller holds markets().codes_mu.
@@ -141,6 +158,11 @@ class DvDataMgr {
   void get_market_trade_day_list(const std::string& market, char variant, std::vector<int64_t>& days);
   void get_HKC_trade_day_list(char variant, std::vector<int64_t>& days);
 
+  // The next request id: 21, 22, ... 30000, then 20 again, skipping ids in use.
+  uint16_t next_serial();
+  bool serial_in_use(uint16_t serial) const;
+  SubscriptionTable& subscriptions() { return subscriptions_; }
+
   // Market names and the service's numeric ids: -1 / empty when unknown.
   static int32_t get_market_id_by_name(const std::string& name);
   static std::string get_market_name_by_id(int32_t id);
@@ -175,12 +197,21 @@ class DvDataMgr {
   size_t queue_size() const;
 
  private:
-  void service_loop();
+  void service_loop(int shard);
   void timer_loop();
-  DataMsg* take_msg();
   void handle_msg(DataMsg* msg);
   void end_service_threads();
   void seed_markets();
+
+  struct Level2Stream {
+    const char* function;
+    uint16_t data_type;
+    bool tick;        // a missing market is logged with the tick's text
+    bool one_vector;  // the records of one instrument go out together
+  };
+  // Walks the records of a level-2 message; make converts one record.
+  template <typename Record, typename Make>
+  void level2_stream(const void* data, size_t size, const Level2Stream& stream, Make make);
 
   std::mutex lifecycle_mu_;  // serialises init, start and stop
   bool inited_ = false;
@@ -199,9 +230,8 @@ class DvDataMgr {
   std::atomic<bool> connected_{false};
   std::atomic<bool> running_{false};
 
-  mutable std::mutex queue_mu_;
-  port::Semaphore queue_sem_{0, 1024};
-  std::deque<DataMsg*> queue_;
+  MsgQueue queue_;
+  std::atomic<int> next_shard_{0};  // hands each service thread its shard
 
   // Messages pushed and not yet handled, for wait_idle.
   std::atomic<int64_t> pending_{0};
@@ -211,6 +241,10 @@ class DvDataMgr {
 
   MarketTable markets_;
   Calendar calendar_;
+
+  SubscriptionTable subscriptions_;
+  std::mutex serial_mu_;
+  uint16_t serial_counter_ = 20;
 
   mutable std::mutex contracts_mu_;
   std::map<std::pair<int, std::string>, std::string> contracts_;  // (kind, code) -> contract

@@ -19,7 +19,8 @@ using Shape = CopyRule::Shape;
 constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, Shape::kHeadPlus, 132, 84, 44, false, false, 1};
 constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, Shape::kHeadPlus, 107, 98, 5, false, false, 1};
 constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
-constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1};
+constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1,
+                           CopyRule::Key::kTickL1};
 constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1};
 constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
 constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
@@ -34,11 +35,11 @@ constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 25, Shape::kHeadPlu
 constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 24, Shape::kFixed, 8, 0, 0, false, false, 1};
 constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 25, Shape::kHeadPlus, 140, 136, 0, false, false,
                               1};
-constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 6, Shape::kLevel2, 8, 504, 4, false, false, 1};
-constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 7, Shape::kLevel2, 8, 108, 4, false, false, 1};
-constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 8, Shape::kLevel2, 8, 79, 4, false, false, 1};
-constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 9, Shape::kLevel2, 8, 62, 4, false, false, 1};
-constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 10, Shape::kLevel2, 8, 864, 4, false, false, 1};
+constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 6, Shape::kLevel2, 8, 504, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 7, Shape::kLevel2, 8, 108, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 8, Shape::kLevel2, 8, 79, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 9, Shape::kLevel2, 8, 62, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 10, Shape::kLevel2, 8, 864, 4, false, false, 1, CopyRule::Key::kLevel2};
 constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 30, Shape::kHeadPlus, 338, 296, 38, false, false, 1};
 constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 31, Shape::kHeadPlus, 30, 16, 10, false, false, 1};
 constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 32, Shape::kFixed, 326, 0, 0, false, false, 1};
@@ -63,7 +64,8 @@ constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 12, Shape::k
 constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 11, Shape::kHeadPlus, 272, 214, 54, false, false,
                               1};
 constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 5, Shape::kHeadPlus, 255, 249, 2, false,
-                               false, 1};
+                               false, 1,
+                               CopyRule::Key::kMarket};
 
 template <typename T>
 T ReadAt(const void* record, size_t offset) {
@@ -86,7 +88,33 @@ size_t Bounded(size_t head, int64_t extra, size_t elem) {
   return head + static_cast<size_t>(extra) * elem;
 }
 
+// FNV-1a over the market and the code up to its terminator.
+uint32_t HashKey(uint32_t market, const uint8_t* code, size_t max) {
+  uint32_t h = 2166136261u ^ market;
+  h *= 16777619u;
+  for (size_t i = 0; i < max && code[i] != 0; ++i) {
+    h ^= code[i];
+    h *= 16777619u;
+  }
+  return h | 1;  // never 0, which stands for "no key"
+}
+
 }  // namespace
+
+uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
+  const auto* bytes = static_cast<const uint8_t*>(block);
+  switch (kind) {
+    case CopyRule::Key::kNone:
+      return 0;
+    case CopyRule::Key::kTickL1:
+      return size >= 37 ? HashKey(bytes[0], bytes + 1, 36) : 0;
+    case CopyRule::Key::kMarket:
+      return size >= 2 ? HashKey(ReadAt<uint16_t>(block, 0), bytes, 0) : 0;
+    case CopyRule::Key::kLevel2:
+      return size >= 44 ? HashKey(ReadAt<uint32_t>(block, 8), bytes + 12, 32) : 0;
+  }
+  return 0;
+}
 
 size_t copy_size(const CopyRule& rule, const void* record) {
   switch (rule.shape) {
@@ -132,6 +160,7 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   msg->msg_type = rule.msg_type;
   msg->data = block;
   msg->size = size;
+  msg->key = ordering_key(rule.key, block, size);
   mgr_->push_msg(msg);
   return 0;
 }

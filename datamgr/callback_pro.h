@@ -30,7 +30,18 @@ struct CopyRule {
   bool count_u16;        // unsigned 16-bit count instead of signed 32-bit
   bool count_u32;        // unsigned 32-bit count
   size_t spare;          // bytes allocated beyond the copy
+  enum class Key : uint8_t {
+    kNone,    // replies: handled in arrival order with each other
+    kTickL1,  // market byte at 0, code at 1
+    kMarket,  // market at 0: whole-market packages of one market in order
+    kLevel2,  // the first record's market at 8 and code at 12
+  };
+  Key key = Key::kNone;
 };
+
+// The ordering key of a copied record: equal for the records of one
+// instrument (or one market's packages), 0 for replies.
+uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size);
 
 // Largest copy the adapter makes. A count implying more is a broken record:
 // no real reply comes near it (a whole market is a few MiB).

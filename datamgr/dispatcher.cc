@@ -24,6 +24,11 @@ void Handle(DvDataMgr& mgr, const void* data, size_t size) {
   mgr.on_reply_data(static_cast<const Payload*>(data), size);
 }
 
+template <void (DvDataMgr::*Member)(const void*, size_t)>
+void HandleRaw(DvDataMgr& mgr, const void* data, size_t size) {
+  (mgr.*Member)(data, size);
+}
+
 void HandlePower(DvDataMgr& mgr, const void* data, size_t size) { mgr.on_reply_power(data, size); }
 
 struct Entry {
@@ -46,6 +51,13 @@ static const std::array<Entry, kMaxType + 1>& RouteTable() {
     t[1] = {Route::kHandler, &Handle<ApiMarketOtherBaseHead>};
     t[2] = {Route::kHandler, &Handle<ApiMarketStatus>};
     t[3] = {Route::kHandler, &Handle<ApiRefInfoHead>};
+    t[4] = {Route::kHandler, &Handle<ApiL1Tick>};
+    t[5] = {Route::kHandler, &Handle<ApiMarketPushHead>};
+    t[6] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_tick>};
+    t[7] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_tick_index>};
+    t[8] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_transaction>};
+    t[9] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_order>};
+    t[10] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_order_queue>};
     t[15] = {Route::kHandler, &Handle<ApiHolidayHead>};
     t[16] = {Route::kHandler, &HandlePower};
     t[24] = {Route::kHandler, &Handle<ApiSharedFields>};

@@ -48,12 +48,7 @@ bool daily_job_due(int64_t now, int last_date) {
 
 DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}
 
-DvDataMgr::~DvDataMgr() {
-  stop();
-  std::lock_guard<std::mutex> lock(queue_mu_);
-  for (DataMsg* msg : queue_) free_msg(msg);
-  queue_.clear();
-}
+DvDataMgr::~DvDataMgr() { stop(); }
 
 void DvDataMgr::seed_markets() {
   markets_.add_market("SH", 19901219, 20170222);
@@ -93,16 +88,13 @@ bool DvDataMgr::start() {
   std::lock_guard<std::mutex> lock(lifecycle_mu_);
   if (running_.load()) return is_connected();
   running_.store(true);
-  {
-    // A message left from an earlier run is stale; only the oldest goes.
-    std::lock_guard<std::mutex> queue_lock(queue_mu_);
-    if (!queue_.empty()) {
-      free_msg(queue_.front());
-      queue_.pop_front();
-      pending_.fetch_sub(1);
-    }
-  }
   thread_count_ = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
+  // A message left from an earlier run is stale; only the oldest goes.
+  if (DataMsg* stale = queue_.activate(thread_count_)) {
+    free_msg(stale);
+    pending_.fetch_sub(1);
+  }
+  next_shard_.store(0);
   threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
   for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
 
@@ -127,7 +119,7 @@ bool DvDataMgr::start() {
 }
 
 void DvDataMgr::end_service_threads() {
-  for (int i = 0; i < thread_count_; ++i) queue_sem_.Release();
+  queue_.wake_all();
   for (int i = 0; i < thread_count_; ++i) thread_join(threads_[i]);
   zfree(threads_);
   threads_ = nullptr;
@@ -155,27 +147,10 @@ bool DvDataMgr::stop() {
 void DvDataMgr::push_msg(DataMsg* msg) {
   if (msg == nullptr) return;
   pending_.fetch_add(1, std::memory_order_relaxed);
-  {
-    std::lock_guard<std::mutex> lock(queue_mu_);
-    queue_.push_back(msg);
-  }
-  // At the maximum the release fails; the message still waits in the queue
-  // and a busy service thread takes it before it waits again.
-  queue_sem_.Release();
+  queue_.push(msg);
 }
 
-DataMsg* DvDataMgr::take_msg() {
-  std::lock_guard<std::mutex> lock(queue_mu_);
-  if (queue_.empty()) return nullptr;
-  DataMsg* msg = queue_.front();
-  queue_.pop_front();
-  return msg;
-}
-
-size_t DvDataMgr::queue_size() const {
-  std::lock_guard<std::mutex> lock(queue_mu_);
-  return queue_.size();
-}
+size_t DvDataMgr::queue_size() const { return queue_.size(); }
 
 void DvDataMgr::handle_msg(DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
@@ -195,21 +170,22 @@ void DvDataMgr::handle_msg(DataMsg* msg) {
 }
 
 unsigned DvDataMgr::DataServiceThread(void* mgr) {
-  static_cast<DvDataMgr*>(mgr)->service_loop();
+  auto* self = static_cast<DvDataMgr*>(mgr);
+  self->service_loop(self->next_shard_.fetch_add(1));
   return 0;
 }
 
-void DvDataMgr::service_loop() {
+void DvDataMgr::service_loop(int shard) {
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 begin...");
   while (running_.load(std::memory_order_acquire)) {
     DataMsg* msg = nullptr;
     try {
       // Take before waiting: wake-ups beyond the semaphore's maximum are lost,
       // so a thread drains what is queued instead of waiting once per message.
-      msg = take_msg();
+      msg = queue_.take(shard);
       if (msg == nullptr) {
-        queue_sem_.Acquire();
-        msg = take_msg();
+        queue_.wait(shard);
+        msg = queue_.take(shard);
       }
     } catch (...) {
       CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread", "数据服务线程, run Exception!!!...");

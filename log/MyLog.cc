@@ -77,6 +77,8 @@ int CMyLog::InitLog() {
   return 0;
 }
 
+bool CMyLog::Enabled(int level) { return BoundLogger().isEnabledFor(level); }
+
 int CMyLog::PrintLog(int level, const char* function, const char* format, ...) {
   switch (level) {
     case LOG_TRACE:

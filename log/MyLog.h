@@ -32,6 +32,10 @@ class CMyLog {
   static int PrintLog(int level, const char* function, const char* format, ...)
       KQ_PRINTF_FORMAT(3, 4);
 
+  // Whether a line at level would be written; lets hot paths skip building
+  // a line's arguments.
+  static bool Enabled(int level);
+
   // The built-in configuration text (611 bytes, CR LF line ends).
   static const std::string& DefaultConfig();
 };

@@ -128,13 +128,14 @@ class QUOTER_API OrderData : public QuoterBase {
 // The order queue at one price level.
 class QUOTER_API LevelOrderData : public QuoterBase {
  public:
-  static constexpr int kMaxOrders = 50;
+  static constexpr int kMaxOrders = 36;
   RecordKind kind() const override { return RecordKind::kLevelOrder; }
 
   double price = 0;
   double volume = 0;      // total volume queued at the price
   int32_t side = 0;       // 1 bid, 2 ask
-  int32_t orderCount = 0; // orders in the queue; the first kMaxOrders are listed
+  int32_t orderCount = 0; // orders in the queue
+  int32_t listed = 0;     // volumes of the first orders in orders, at most kMaxOrders
   int32_t orders[kMaxOrders] = {0};
 };
 

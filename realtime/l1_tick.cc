@@ -1,0 +1,99 @@
+// Level-1 snapshots of subscribed instruments.
+#include <cstring>
+
+#include "datamgr/DvDataMgr.h"
+#include "kelquote/KelQuoteClient.h"
+#include "log/MyLog.h"
+#include "realtime/l1_convert.h"
+
+namespace tavr {
+
+namespace {
+const char kFunction[] = "DvDataMgr::on_reply_data";
+}  // namespace
+
+int DvDataMgr::instrument_view(const MarketInfo& market, const std::string& code, InstrumentView& view,
+                               std::shared_ptr<BaseCodeInfo>* record) {
+  std::lock_guard<std::mutex> lock(markets_.codes_mu);
+  std::shared_ptr<BaseCodeInfo> info;
+  int where = find_code(market, code, info);
+  if (where == 0) return 0;
+  view.digits = info->price_digits;
+  view.unit = info->volume_unit == 0 ? 1 : info->volume_unit;
+  view.ref_close = static_cast<float>(info->ref_b);
+  view.eps = static_cast<float>(info->ref_a);
+  if (record != nullptr) *record = std::move(info);
+  return where;
+}
+
+void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
+  ApiL1Tick tick;
+  if (data == nullptr || size < sizeof(tick)) return;
+  std::memcpy(&tick, data, sizeof(tick));
+  std::string name = get_market_name_by_id(tick.market_id);
+  auto market = markets_.find(name);
+  if (market == nullptr) {
+    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] 市场[%s]不存在.....", name.c_str());
+    return;
+  }
+  if (!market->initialised.load(std::memory_order_acquire)) {
+    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick]市场[%s]正在初始化，忽略该条tick数据...", name.c_str());
+    return;
+  }
+  std::string code = field_text(tick.code);
+  InstrumentView view;
+  std::shared_ptr<BaseCodeInfo> record;
+  if (instrument_view(*market, code, view, &record) == 0) {
+    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] Code %s not exist...", code.c_str());
+    return;
+  }
+  CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Code %s info [%d, %d]...", code.c_str(), view.digits, view.unit);
+
+  auto a = convert_snapshot(tick, code, view, name, "[ApiL1Tick]");
+  if (a == nullptr) return;
+  std::shared_ptr<DravikQuoterAllData> b;
+  bool closing = false;
+  if (tick.board_kind == 8 && tick.after_hours_time >= 150001 && tick.after_hours_time <= 153005) {
+    closing = tick.after_hours_time > 150010 && tick.after_hours_time < 153000;
+    b = after_hours_record(*a, tick, code, view, name, "[ApiL1Tick]");
+  } else {
+    b = std::make_shared<DravikQuoterAllData>();
+  }
+
+  // One instrument's snapshots are handled by one service thread (the queue
+  // keys them by instrument), so the totals never see two writers.
+  if (record->last_price >= a->lastPrice) {
+    record->sell_volume_total += a->volume;
+  } else {
+    record->buy_volume_total += a->volume;
+  }
+  record->last_price = static_cast<float>(a->lastPrice);
+  auto buy_sell = std::make_shared<quoter::BuySellData>();
+  buy_sell->time = a->time;
+  buy_sell->buyVolume = record->buy_volume_total;
+  buy_sell->sellVolume = record->sell_volume_total;
+
+  std::string key = code + "." + name;
+  auto subscriptions = subscriptions_.snapshot();
+  auto [begin, end] = subscriptions->subscribers.equal_range(key);
+  CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Start return data[%s][%d].....", key.c_str(),
+                   static_cast<int>(std::distance(begin, end)));
+  KelQuoteClient* host = client();
+  for (auto it = begin; it != end; ++it) {
+    const TickSubscription& entry = it->second;
+    QuoteRecords records;
+    if (entry.level == 0) {
+      if (entry.data_type == 4002) {
+        records.push_back(buy_sell);
+      } else {
+        records.push_back(b);
+        if (!closing) records.push_back(a);
+      }
+    }
+    short serial = static_cast<short>(entry.serial);
+    host->onSubscribe(serial, records);
+  }
+  CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Return data end.....");
+}
+
+}  // namespace tavr
