@@ -89,8 +89,9 @@ echo "kelquote.dll: $(wc -l <<<"$kq_exports") exports, getKelClient and members 
 
 # --- portability ---------------------------------------------------------------
 # Platform conditionals belong to the platform layer and the export macro.
-conditionals=$(git ls-files -- '*.h' '*.cc' '*.cpp' '*.hpp' ':!port/' ':!include/kelquote/export.h' |
-  xargs grep -nE '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif).*\b(_WIN32|_WIN64|WIN32|__MINGW32__|__MINGW64__|_MSC_VER|__linux__|__unix__|__APPLE__|__CYGWIN__)\b' || true)
+conditionals=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc' '*.cpp' '*.hpp' \
+  ':!port/' ':!include/kelquote/export.h' |
+  xargs -r grep -snE '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif).*\b(_WIN32|_WIN64|WIN32|__MINGW32__|__MINGW64__|_MSC_VER|__linux__|__unix__|__APPLE__|__CYGWIN__)\b' || true)
 [ -z "$conditionals" ] || problem "platform conditionals outside port/:"$'\n'"$conditionals"
 [ "$fail" -eq 0 ] || exit 1
 
