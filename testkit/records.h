@@ -60,6 +60,45 @@ inline ApiMarketStatus market_status(uint8_t market_id, int32_t date, int32_t ch
   return status;
 }
 
+// A level-1 snapshot with a trade at last and one level of depth.
+inline ApiL1Tick l1_tick(uint8_t market_id, const std::string& code, int32_t time, float last, float volume = 1000) {
+  ApiL1Tick t{};
+  t.market_id = market_id;
+  set_text(t.code, code);
+  t.date = 20240102;
+  t.time = time;
+  t.volume = volume;
+  t.turnover = volume * last;
+  t.trade_count = 10;
+  t.high = last + 1;
+  t.last = last;
+  t.open = last;
+  t.low = last - 1;
+  t.upper_limit = last * 1.1f;
+  t.lower_limit = last * 0.9f;
+  t.pre_close = last;
+  for (int i = 0; i < 5; ++i) {
+    t.ask_price[i] = last + 0.01f * (i + 1);
+    t.bid_price[i] = last - 0.01f * (i + 1);
+    t.ask_volume[i] = 100.0f * (i + 1);
+    t.bid_volume[i] = 100.0f * (i + 1);
+  }
+  return t;
+}
+
+template <typename T>
+std::vector<uint8_t> bytes_of(const T& record) {
+  std::vector<uint8_t> bytes(sizeof(T));
+  std::memcpy(bytes.data(), &record, sizeof(T));
+  return bytes;
+}
+
+// A level-2 message of the given records.
+template <typename Record>
+std::vector<uint8_t> level2(const std::vector<Record>& records) {
+  return reply(ApiL2Head{0, static_cast<int32_t>(records.size())}, records);
+}
+
 }  // namespace testkit
 
 #endif  // KELQUOTE_TESTKIT_RECORDS_H_

@@ -1,0 +1,289 @@
+#include <cstring>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "realtime/l1_convert.h"
+#include "testkit/market_fixture.h"
+
+namespace tavr {
+namespace {
+
+const quoter::QuoterAllData& AllData(const std::shared_ptr<quoter::QuoterBase>& record) {
+  return dynamic_cast<const quoter::QuoterAllData&>(*record);
+}
+
+void SetFloat(uint8_t (&field)[4], float v) { std::memcpy(field, &v, 4); }
+void SetInt(uint8_t (&field)[4], int32_t v) { std::memcpy(field, &v, 4); }
+
+class L1TickTest : public ::testing::Test {
+ protected:
+  L1TickTest() {
+    fx_.init_market(2, {testkit::code_init("600000", "浦发银行", 2, 100), testkit::code_init("10004567", "期权", 4, 1)},
+                    /*pre_close=*/0, /*eps=*/2);
+    fx_.init_market(10, {testkit::code_init("00700", "腾讯控股", 3, 100)}, 0, 0);
+  }
+  void Tick(const ApiL1Tick& tick) { fx_.deliver(4, testkit::bytes_of(tick)); }
+
+  testkit::MarketFixture fx_;
+};
+
+TEST_F(L1TickTest, SubscribersGetTheRecordsTheirDataTypeAsksFor) {
+  int quote = fx_.subscribe("SH", "600000", 3000);
+  int totals = fx_.subscribe("SH", "600000", 4002);
+  int depth = fx_.subscribe("SH", "600000", 1010);
+  ASSERT_GT(quote, 0);
+  Tick(testkit::l1_tick(2, "600000", 100000, 10.0f, 5000));
+  auto got = fx_.received();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0].id, quote);
+  ASSERT_EQ(got[0].records.size(), 2u);  // B (empty outside after hours), then A
+  EXPECT_EQ(got[0].records[0]->time, 0);
+  const auto& a = AllData(got[0].records[1]);
+  EXPECT_NE(dynamic_cast<const DravikQuoterAllData*>(got[0].records[1].get()), nullptr);
+  EXPECT_DOUBLE_EQ(a.lastPrice, 10.0);
+  EXPECT_EQ(a.volume, 50);
+  EXPECT_EQ(a.rawVolume, 5000);
+  EXPECT_EQ(a.tradingPhase, 13u);
+  EXPECT_DOUBLE_EQ(a.pe, 5.0);
+  EXPECT_EQ(a.dataFlag, 1u);
+  EXPECT_EQ(got[1].id, totals);
+  ASSERT_EQ(got[1].records.size(), 1u);
+  auto buy_sell = std::dynamic_pointer_cast<quoter::BuySellData>(got[1].records[0]);
+  ASSERT_NE(buy_sell, nullptr);
+  EXPECT_EQ(buy_sell->buyVolume, 50);  // stored last price 0 < 10: a buy
+  EXPECT_EQ(got[2].id, depth);
+  EXPECT_TRUE(got[2].records.empty());  // level-2 entries get an empty vector
+
+  // Totals add the cumulative volume each time; a lower price counts as a sell.
+  fx_.clear_received();
+  Tick(testkit::l1_tick(2, "600000", 100003, 9.0f, 6000));
+  Tick(testkit::l1_tick(2, "600000", 100006, 9.5f, 7000));
+  got = fx_.received();
+  auto second = std::dynamic_pointer_cast<quoter::BuySellData>(got[1].records[0]);
+  auto third = std::dynamic_pointer_cast<quoter::BuySellData>(got[4].records[0]);
+  EXPECT_EQ(second->sellVolume, 60);
+  EXPECT_EQ(second->buyVolume, 50);
+  EXPECT_EQ(third->buyVolume, 120);
+}
+
+TEST_F(L1TickTest, PricesFallBackAndInvalidOnesDrop) {
+  fx_.subscribe("SH", "600000", 3000);
+  ApiL1Tick tick = testkit::l1_tick(2, "600000", 100000, 0.0f);
+  tick.pre_close = 12.5f;
+  tick.high = 0;
+  Tick(tick);
+  auto got = fx_.received();
+  ASSERT_EQ(got.size(), 1u);
+  // No trade yet: the previous close, then replaced by the best ask.
+  EXPECT_DOUBLE_EQ(AllData(got[0].records[1]).lastClose, 12.5);
+  EXPECT_DOUBLE_EQ(AllData(got[0].records[1]).lastPrice, 0.01);
+  tick.ask_price[0] = 0;
+  fx_.clear_received();
+  Tick(tick);
+  EXPECT_DOUBLE_EQ(AllData(fx_.received()[0].records[1]).lastPrice, 12.5);
+
+  tick.pre_close = 0;
+  fx_.clear_received();
+  Tick(tick);
+  EXPECT_TRUE(fx_.received().empty());
+  EXPECT_TRUE(fx_.log().contains("[ApiL1Tick] Code 600000 receive invalide price [0.00, 0.00]..."));
+}
+
+TEST_F(L1TickTest, DepthVolumesBecomeLotsWithAOneLotMinimum) {
+  fx_.subscribe("SH", "600000", 3000);
+  ApiL1Tick tick = testkit::l1_tick(2, "600000", 93500, 10.0f);
+  tick.ask_volume[0] = 50;
+  tick.ask_volume[1] = 0;
+  tick.ask_volume[2] = 250;
+  tick.ask_volume[3] = -5;
+  tick.ask_volume[4] = 1e30f;  // absurd: clamped, not undefined
+  Tick(tick);
+  const auto& a = AllData(fx_.received().at(0).records[1]);
+  EXPECT_EQ(a.askVol[0], 1);
+  EXPECT_EQ(a.askVol[1], 0);
+  EXPECT_EQ(a.askVol[2], 2);
+  EXPECT_EQ(a.askVol[3], 0);
+  EXPECT_EQ(a.askVol[4], INT32_MAX);
+  EXPECT_DOUBLE_EQ(a.askPrice[0], 10.01);
+}
+
+TEST_F(L1TickTest, HongKongLimitsAndSessionPhases) {
+  fx_.subscribe("HGT", "00700", 3000);
+  for (int32_t time : {85900, 92000, 160959, 161000}) {
+    ApiL1Tick tick = testkit::l1_tick(10, "00700", time, 300.0f);
+    tick.board_kind = 2;  // kinds 0 and 1 would apply the SH/SZ hours again
+    Tick(tick);
+  }
+  auto got = fx_.received();
+  ASSERT_EQ(got.size(), 4u);
+  const uint32_t phases[] = {11, 12, 13, 15};
+  for (int i = 0; i < 4; ++i) {
+    const auto& a = AllData(got[i].records[1]);
+    EXPECT_EQ(a.tradingPhase, phases[i]);
+    EXPECT_DOUBLE_EQ(a.upperLimit, 9999.99);
+    EXPECT_DOUBLE_EQ(a.lowerLimit, 0.01);
+  }
+}
+
+TEST_F(L1TickTest, BoardKinds) {
+  fx_.subscribe("SH", "600000", 3000);
+  ApiL1Tick tick = testkit::l1_tick(2, "600000", 100000, 10.0f);
+  tick.board_kind = 3;
+  SetFloat(tick.board_value1, 18.0f);
+  SetFloat(tick.board_value2, 1.5f);
+  SetFloat(tick.board_value3, 2.5f);
+  Tick(tick);
+  tick.board_kind = 5;
+  Tick(tick);
+  auto got = fx_.received();
+  const auto& kind3 = AllData(got[0].records[1]);
+  EXPECT_EQ(kind3.tradingPhase, 18u);
+  EXPECT_DOUBLE_EQ(kind3.extValue1, 1.5);
+  EXPECT_DOUBLE_EQ(kind3.extValue2, 2.5);
+  EXPECT_DOUBLE_EQ(AllData(got[1].records[1]).pe, 1.5);
+}
+
+TEST_F(L1TickTest, AfterHoursRecordsAndTheClosingPeriod) {
+  fx_.subscribe("SH", "600000", 3000);
+  ApiL1Tick tick = testkit::l1_tick(2, "600000", 150000, 10.0f);
+  tick.board_kind = 8;
+  SetFloat(tick.board_value1, 10.123f);
+  SetInt(tick.board_value2, 7);
+  SetInt(tick.board_value3, 1234);
+  tick.after_hours_turnover = 12345.0f;
+  tick.after_hours_ask_volume = 50;
+  tick.after_hours_bid_volume = 250;
+  for (uint32_t t : {150005u, 150010u, 150011u, 152959u, 153000u, 153005u, 153006u}) {
+    tick.after_hours_time = t;
+    Tick(tick);
+  }
+  auto got = fx_.received();
+  ASSERT_EQ(got.size(), 7u);
+  const size_t sizes[] = {2, 2, 1, 1, 2, 2, 2};
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(got[i].records.size(), sizes[i]) << i;
+  const auto& b = AllData(got[2].records[0]);
+  EXPECT_EQ(b.tradingPhase, 22u);
+  EXPECT_EQ(b.volume, 12);
+  EXPECT_EQ(b.rawVolume, 1234);
+  EXPECT_EQ(b.tradeCount, 7u);
+  EXPECT_DOUBLE_EQ(b.amount, 12345.0);
+  EXPECT_DOUBLE_EQ(b.askPrice[0], 10.12);
+  EXPECT_DOUBLE_EQ(b.bidPrice[0], 10.12);
+  EXPECT_EQ(b.askVol[0], 1);
+  EXPECT_EQ(b.bidVol[0], 2);
+  EXPECT_EQ(b.askVol[1], 0);
+  EXPECT_DOUBLE_EQ(b.lastPrice, 10.0);  // the regular fields come from A
+  EXPECT_EQ(AllData(got[6].records[0]).time, 0);  // out of the window: empty B
+}
+
+TEST_F(L1TickTest, DroppedSnapshotsChangeNothing) {
+  fx_.subscribe("SH", "600000", 3000);
+  Tick(testkit::l1_tick(2, "999999", 100000, 10.0f));
+  Tick(testkit::l1_tick(3, "600000", 100000, 10.0f));
+  Tick(testkit::l1_tick(5, "cu2401", 100000, 10.0f));  // SQ not initialised
+  EXPECT_TRUE(fx_.received().empty());
+  EXPECT_TRUE(fx_.log().contains("[ApiL1Tick] Code 999999 not exist..."));
+  EXPECT_TRUE(fx_.log().contains("[ApiL1Tick] 市场[]不存在....."));
+  EXPECT_TRUE(fx_.log().contains("[ApiL1Tick]市场[SQ]正在初始化，忽略该条tick数据..."));
+}
+
+// Whole-market packages.
+std::vector<uint8_t> Package(uint16_t market, const std::vector<ApiL1Tick>& ticks) {
+  return testkit::reply(ApiMarketPushHead{market, static_cast<int32_t>(ticks.size())}, ticks);
+}
+
+TEST_F(L1TickTest, PackagesSplitMainAndOptionInstruments) {
+  std::vector<std::pair<int, size_t>> got;
+  QuoteMap last_primary;
+  fx_.client().add_mkt_push_info(2, [&](const QuoteMap& map) {
+    got.push_back({2, map.size()});
+    last_primary = map;
+  });
+  fx_.client().add_mkt_push_info(102, [&](const QuoteMap& map) { got.push_back({102, map.size()}); });
+  fx_.deliver(5, Package(2, {testkit::l1_tick(2, "600000", 100000, 10.0f), testkit::l1_tick(2, "10004567", 100000, 0.5f),
+                             testkit::l1_tick(2, "700000", 100000, 1.0f)}));
+  EXPECT_EQ(got, (std::vector<std::pair<int, size_t>>{{2, 1}, {102, 1}}));
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Code 700000.SH not exist..."));
+  EXPECT_DOUBLE_EQ(AllData(last_primary.at("600000")).lastPrice, 10.0);
+  EXPECT_FALSE(fx_.log().contains("Start market"));
+}
+
+TEST_F(L1TickTest, HongKongPackagesReachBothConnectMarkets) {
+  std::vector<int> ids;
+  fx_.client().add_mkt_push_info(10, [&](const QuoteMap&) { ids.push_back(10); });
+  fx_.client().add_mkt_push_info(110, [&](const QuoteMap&) { ids.push_back(110); });
+  fx_.deliver(5, Package(10, {testkit::l1_tick(10, "00700", 100000, 300.0f)}));
+  EXPECT_EQ(ids, (std::vector<int>{10, 110}));
+  // A count equal to the market's instrument count is a full package, but not on HK.
+  EXPECT_FALSE(fx_.log().contains("Start market"));
+}
+
+TEST_F(L1TickTest, FullPackagesLogStartAndCostAndAfterHoursStayOut) {
+  int packages = 0;
+  fx_.client().add_mkt_push_info(2, [&](const QuoteMap& map) {
+    ++packages;
+    EXPECT_EQ(map.size(), 1u);
+  });
+  ApiL1Tick late = testkit::l1_tick(2, "600000", 150000, 10.0f);
+  late.board_kind = 8;
+  late.after_hours_time = 150500;
+  ApiL1Tick option = testkit::l1_tick(2, "10004567", 100000, 0.5f);
+  fx_.deliver(5, Package(2, {late, option}));  // 2 == the market's instrument count
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Start market [SH] package[2, "));
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Complete market [SH] package[2], cost ["));
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] return 600000.SH after hour data["));
+  EXPECT_EQ(packages, 0);  // the main instrument was left out, the option went to 102
+
+  late.after_hours_time = 153001;  // from 153000 on: inserted as the regular record
+  fx_.deliver(5, Package(2, {late}));
+  EXPECT_EQ(packages, 1);
+}
+
+TEST_F(L1TickTest, APackageMeetingAnInitialisingMarketDeliversNothing) {
+  int packages = 0;
+  fx_.client().add_mkt_push_info(2, [&](const QuoteMap&) { ++packages; });
+  fx_.mgr().markets().find("SH")->ref_info_ready = false;
+  fx_.deliver(5, Package(2, {testkit::l1_tick(2, "600000", 100000, 10.0f)}));
+  EXPECT_EQ(packages, 0);
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp]市场[SH]正在初始化，忽略该组tick数据[True,False]..."));
+}
+
+// Snapshots of one instrument reach the host in the vendor's order however
+// many service threads run, and the totals stay exact.
+TEST(L1OrderingTest, EachInstrumentKeepsTheVendorsOrder) {
+  testkit::MarketFixture fx;
+  std::vector<ApiCodeInit> codes;
+  for (int i = 0; i < 8; ++i) codes.push_back(testkit::code_init(std::to_string(600000 + i), "x", 2, 100));
+  fx.init_market(2, codes, 10, 1);
+  fx.mgr().set_processor_count(4);
+  ASSERT_TRUE(fx.mgr().start());
+  std::vector<int> ids;
+  for (int i = 0; i < 8; ++i) ids.push_back(fx.subscribe("SH", std::to_string(600000 + i), 4002));
+  constexpr int kTicks = 2000;
+  std::thread vendor([&] {
+    for (int n = 1; n <= kTicks; ++n) {
+      for (int i = 0; i < 8; ++i) {
+        // Cumulative volume grows by 100 shares (one lot) per snapshot.
+        ApiL1Tick tick = testkit::l1_tick(2, std::to_string(600000 + i), 93000 + n % 60, 10.0f + n % 3, 100.0f * n);
+        fx.mgr().callback()->OnTickL1(&tick);
+      }
+    }
+  });
+  vendor.join();
+  ASSERT_TRUE(fx.mgr().wait_idle(20000));
+  std::map<int, std::vector<int64_t>> totals;
+  for (const auto& r : fx.received()) {
+    auto bs = std::dynamic_pointer_cast<quoter::BuySellData>(r.records.at(0));
+    totals[r.id].push_back(bs->buyVolume + bs->sellVolume);
+  }
+  ASSERT_EQ(totals.size(), 8u);
+  for (auto& [id, sums] : totals) {
+    ASSERT_EQ(sums.size(), static_cast<size_t>(kTicks));
+    // Totals add the cumulative lots n at snapshot n: 1, 3, 6, ... in order.
+    for (int n = 1; n <= kTicks; ++n) ASSERT_EQ(sums[n - 1], int64_t{n} * (n + 1) / 2) << id << " " << n;
+  }
+}
+
+}  // namespace
+}  // namespace tavr

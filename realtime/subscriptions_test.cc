@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include "testkit/fake_api.h"
+#include "testkit/market_fixture.h"
+
+namespace tavr {
+namespace {
+
+quoter::TSMetaInfo Request(const char* code, int32_t data_type) {
+  quoter::TSMetaInfo meta;
+  meta.code = code;
+  meta.metaId = data_type;
+  return meta;
+}
+
+class SubscriptionsTest : public ::testing::Test {
+ protected:
+  DvDataMgr& mgr() { return fx_.mgr(); }
+  testkit::FakeDataApi& api() { return fx_.api(); }
+  uint32_t count() { return mgr().subscriptions().subscribed_count.load(); }
+
+  testkit::MarketFixture fx_;
+};
+
+TEST_F(SubscriptionsTest, SharedInstrumentsSubscribeEveryTimeAndCancelWithTheLast) {
+  uint16_t first = mgr().request_tick_push(Request("600000", 3000), "SH");
+  uint16_t second = mgr().request_tick_push(Request("600000", 3000), "SH");
+  EXPECT_EQ(first, 21);
+  EXPECT_EQ(second, 22);
+  EXPECT_EQ(api().count("SubscribeL1"), 2u);
+  EXPECT_EQ(count(), 1u);
+  auto item = testkit::record_of<ApiCodeItem>(api().calls("SubscribeL1")[0]);
+  EXPECT_STREQ(item.code, "600000");
+  EXPECT_EQ(item.market, 2);
+  EXPECT_EQ(api().calls("SubscribeL1")[0].arg, 1);
+  EXPECT_TRUE(fx_.log().contains("Sub 600000.SH[L1], count[1]!"));
+
+  mgr().release_tick_push("600000", "SH", first);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 0u);
+  mgr().release_tick_push("600000", "SH", second);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 1u);
+  EXPECT_EQ(count(), 0u);
+  EXPECT_TRUE(fx_.log().contains("Cancel sub L1 600000.SH, count[0]!"));
+}
+
+TEST_F(SubscriptionsTest, LevelsAreCountedAndCancelledApart) {
+  uint16_t l1 = mgr().request_tick_push(Request("600000", 3000), "SH");
+  uint16_t l2 = mgr().request_tick_push(Request("600000", 1801), "SH");
+  EXPECT_EQ(api().count("SubscribeL1"), 1u);
+  EXPECT_EQ(api().count("SubscribeL2"), 1u);
+  EXPECT_EQ(count(), 2u);
+  mgr().release_tick_push("600000", "SH", l2);
+  EXPECT_EQ(api().count("UnsubscribeL2"), 1u);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 0u);
+  mgr().release_tick_push("600000", "SH", l1);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 1u);
+}
+
+TEST_F(SubscriptionsTest, RefusalsUseUpASerialAndLeaveNoEntry) {
+  EXPECT_EQ(mgr().request_tick_push(Request("600000", 2000), "SH"), kRequestFailed);
+  EXPECT_TRUE(fx_.log().contains("Failed to send subscrib!!!"));
+  EXPECT_EQ(api().calls().size(), 1u);  // RegisterServer only
+  api().set_result("SubscribeL1", -3);
+  EXPECT_EQ(mgr().request_tick_push(Request("600000", 3000), "SH"), kRequestFailed);
+  EXPECT_EQ(count(), 0u);
+  api().set_result("SubscribeL1", 0);
+  EXPECT_EQ(mgr().request_tick_push(Request("600000", 4002), "SH"), 23);
+}
+
+TEST_F(SubscriptionsTest, ReleasingAnUnknownSerialCancelsLevelOne) {
+  mgr().subscriptions().subscribed_count = 1;
+  mgr().release_tick_push("600000", "SH", 999);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 1u);
+  EXPECT_EQ(count(), 0u);
+}
+
+TEST_F(SubscriptionsTest, SerialsWrapAndSkipHeldIds) {
+  for (int i = 21; i <= 29999; ++i) mgr().next_serial();
+  uint16_t held = mgr().request_tick_push(Request("600000", 3000), "SH");  // 30000
+  EXPECT_EQ(held, 30000);
+  EXPECT_EQ(mgr().next_serial(), 20);
+  EXPECT_EQ(mgr().next_serial(), 21);
+  for (int i = 22; i <= 30000; ++i) {
+    uint16_t serial = mgr().next_serial();
+    ASSERT_NE(serial, held);
+  }
+}
+
+TEST_F(SubscriptionsTest, WholeMarkets) {
+  EXPECT_EQ(mgr().request_mkt_tick_push("SZ", 100), 101);
+  EXPECT_EQ(api().count("SubscribeMarketPush"), 0u);
+  mgr().release_mkt_tick_push(101);
+  EXPECT_EQ(api().count("UnsubscribeMarketPush"), 0u);
+
+  EXPECT_EQ(mgr().request_mkt_tick_push("SH", 0), 2);
+  auto item = testkit::record_of<ApiMarketItem>(api().calls("SubscribeMarketPush")[0]);
+  EXPECT_EQ(item.market_short, 2);
+  EXPECT_EQ(int32_t{item.market}, 2);
+  mgr().release_mkt_tick_push(2);
+  auto cancel = testkit::record_of<ApiMarketItem>(api().calls("UnsubscribeMarketPush")[0]);
+  EXPECT_EQ(int32_t{cancel.market}, 2);
+  EXPECT_TRUE(fx_.log().contains("Success to send unsubscrib SH!!!"));
+
+  api().set_result("SubscribeMarketPush", -1);
+  EXPECT_EQ(mgr().request_mkt_tick_push("HK", 0), -1);
+  api().set_result("UnsubscribeMarketPush", -1);
+  mgr().release_mkt_tick_push(10);
+  EXPECT_TRUE(fx_.log().contains("Failed to send unsubscrib!!!"));
+
+  // Through the client: options markets use mode 100.
+  EXPECT_EQ(fx_.client().subWholeQuote("SHO", [](const QuoteMap&) {}), 102);
+}
+
+TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done.load()) {
+      auto snapshot = mgr().subscriptions().snapshot();
+      auto [begin, end] = snapshot->subscribers.equal_range("600000.SH");
+      for (auto it = begin; it != end; ++it) ASSERT_GE(it->second.serial, 20);
+    }
+  });
+  for (int round = 0; round < 200; ++round) {
+    uint16_t a = mgr().request_tick_push(Request("600000", 3000), "SH");
+    uint16_t b = mgr().request_tick_push(Request("600000", 1010), "SH");
+    mgr().release_tick_push("600000", "SH", a);
+    mgr().release_tick_push("600000", "SH", b);
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(count(), 0u);
+  EXPECT_TRUE(mgr().subscriptions().snapshot()->subscribers.empty());
+}
+
+}  // namespace
+}  // namespace tavr
