@@ -1,5 +1,10 @@
 #include "dataapi/sim/sim_api.h"
 
+#include <cstring>
+#include <memory>
+
+#include "dataapi/sim/calendar.h"
+#include "dataapi/sim/replies.h"
 #include "dataapi/sim/sim_control.h"
 
 namespace sim {
@@ -30,6 +35,12 @@ int SimDataApi::Connect(ConnectResult* result) {
   }
   if (result != nullptr) *result = ConnectResult{0, 0, 0};
   connected_ = true;
+  // A new seed, or a new day since the universe was built, gives a new one.
+  if (universe_ != nullptr &&
+      (universe_->seed() != seed_ || trading_day_on_or_before(local_today()) > universe_->trade_date())) {
+    universe_.reset();
+  }
+  universe();
   return 0;
 }
 
@@ -60,6 +71,188 @@ bool SimDataApi::report_connection(int server, int status) {
   return true;
 }
 
+void SimDataApi::set_seed(uint64_t seed) {
+  std::lock_guard<std::mutex> lock(mu_);
+  seed_ = seed;
+}
+
+bool SimDataApi::change_market(int market_id) {
+  Reply reply;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving() || !universe().change_market(market_id, local_today())) return false;
+    reply = status_reply(*universe().market(market_id));
+  }
+  deliver(std::vector<Reply>{std::move(reply)});
+  return true;
+}
+
+Universe& SimDataApi::universe() {
+  if (universe_ == nullptr) universe_ = std::make_unique<Universe>(seed_, local_today());
+  return *universe_;
+}
+
+std::vector<const Market*> SimDataApi::markets(int32_t market_id) {
+  std::vector<const Market*> chosen;
+  for (const Market& market : universe().markets()) {
+    if (market_id == 0 || market.id == market_id) chosen.push_back(&market);
+  }
+  return chosen;
+}
+
+SimDataApi::Reply SimDataApi::status_reply(const Market& market) {
+  auto last = reported_.find(market.id);
+  bool changed = last != reported_.end() && last->second != market.checksum;
+  reported_[market.id] = market.checksum;
+  return {&CDataApiCallBack::OnMarketStatus, market_status_reply(market, changed)};
+}
+
+int SimDataApi::ReqMarketStatus(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (const Market* market : markets(market_id)) replies.push_back(status_reply(*market));
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqMarketInit(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (const Market* market : markets(market_id)) {
+      replies.emplace_back(&CDataApiCallBack::OnMarketInit, market_init_reply(*market));
+    }
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqMarketOtherBase(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (const Market* market : markets(market_id)) {
+      replies.emplace_back(&CDataApiCallBack::OnMarketOtherBase, other_base_reply(*market));
+    }
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqRefInfo(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (const Market* market : markets(market_id)) {
+      replies.emplace_back(&CDataApiCallBack::OnRespRefInfo, ref_info_reply(*market));
+    }
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqLatestShare(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (const Market* market : markets(market_id)) {
+      replies.emplace_back(&CDataApiCallBack::OnRespLatestShareData, latest_share_reply(*market));
+    }
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqBaseData() {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    const Universe& u = universe();
+    replies.emplace_back(&CDataApiCallBack::OnRespSharedFields, shared_fields_reply(u.version(), u.latest_hk_rate()));
+    replies.emplace_back(&CDataApiCallBack::OnRespNewIssueList, new_issue_reply(u.new_issues()));
+  }
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqSharedFields() {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    const Universe& u = universe();
+    replies.emplace_back(&CDataApiCallBack::OnRespSharedFields, shared_fields_reply(u.version(), u.latest_hk_rate()));
+  }
+  deliver(std::move(replies));
+  return 0;
+}
+
+int SimDataApi::ReqNewIssueList(int32_t market_id) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving() || markets(market_id).empty()) return -1;
+    std::vector<NewIssue> issues;
+    for (const NewIssue& issue : universe().new_issues()) {
+      if (market_id == 0 || issue.market_id == market_id) issues.push_back(issue);
+    }
+    replies.emplace_back(&CDataApiCallBack::OnRespNewIssueList, new_issue_reply(issues));
+  }
+  deliver(std::move(replies));
+  return 0;
+}
+
+// Kind 2 is the exchanges' holiday list, the only kind the service keeps.
+int SimDataApi::ReqHoliday(int32_t kind) {
+  if (kind != 2) return -1;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+  }
+  deliver(std::vector<Reply>{{&CDataApiCallBack::OnRespHolidayInfo, holiday_reply(kind, exchange_holidays())}});
+  return 0;
+}
+
+// Begin and end of 0 stand for the connect's first and latest trading days.
+int SimDataApi::ReqHKRate(const HKRateRequest* request) {
+  if (request == nullptr) return -1;
+  HKRateRequest copy;
+  std::memcpy(&copy, request, sizeof(copy));
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    const Universe& u = universe();
+    int32_t begin = copy.begin != 0 ? copy.begin : Universe::kHKConnectStart;
+    int32_t end = copy.end != 0 ? copy.end : u.market(kHK)->trade_date;
+    replies.emplace_back(&CDataApiCallBack::OnRespHKRateData,
+                         hk_rate_reply(copy.field, begin, end, u.hk_rates(begin, end)));
+  }
+  deliver(std::move(replies));
+  return 0;
+}
+
+void SimDataApi::deliver(std::vector<Reply> replies) {
+  for (Reply& reply : replies) {
+    auto bytes = std::make_shared<const std::vector<uint8_t>>(std::move(reply.second));
+    Handler handler = reply.first;
+    deliver([handler, bytes](CDataApiCallBack* callback) { (callback->*handler)(bytes->data()); });
+  }
+}
+
 void SimDataApi::deliver(std::function<void(CDataApiCallBack*)> fn) {
   callbacks_.post([this, fn = std::move(fn)] {
     CDataApiCallBack* callback;
@@ -82,3 +275,7 @@ int SimReportConnection(int server, int status) {
 }
 
 int SimWaitIdle(int timeout_ms) { return sim::SimDataApi::instance().wait_idle(timeout_ms) ? 1 : 0; }
+
+int SimChangeMarket(int market_id) { return sim::SimDataApi::instance().change_market(market_id) ? 0 : -1; }
+
+void SimSetSeed(unsigned seed) { sim::SimDataApi::instance().set_seed(seed); }

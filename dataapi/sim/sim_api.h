@@ -4,10 +4,14 @@
 #ifndef KELQUOTE_DATAAPI_SIM_SIM_API_H_
 #define KELQUOTE_DATAAPI_SIM_SIM_API_H_
 
+#include <map>
+#include <memory>
 #include <mutex>
+#include <vector>
 
 #include "dataapi/DataApi.h"
 #include "dataapi/sim/callback_thread.h"
+#include "dataapi/sim/universe.h"
 
 namespace sim {
 
@@ -23,22 +27,31 @@ class SimDataApi final : public CDataApi {
   // when no callback object is registered.
   bool report_connection(int server, int status);
   bool wait_idle(int timeout_ms) { return callbacks_.wait_idle(timeout_ms); }
+  // The universe of seed from the next connect on.
+  void set_seed(uint64_t seed);
+  // The market moves to a new state and reports it with OnMarketStatus
+  // (changed = 1); its next initialisation data are the new ones. False for
+  // an unknown market or while not connected.
+  bool change_market(int market_id);
+
+  // Requests answer on the callback thread and return 0, or return -1 and
+  // answer nothing while not connected or for an unknown market or kind.
 
   const char* GetVersion() override;
   int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) override;
   int Connect(ConnectResult* result) override;
-  int ReqMarketInit(int32_t) override { return 0; }
-  int ReqMarketStatus(int32_t) override { return 0; }
-  int ReqBaseData() override { return 0; }
+  int ReqMarketInit(int32_t market_id) override;
+  int ReqMarketStatus(int32_t market_id) override;
+  int ReqBaseData() override;
   int SubscribeL1(const ApiCodeItem*, int32_t) override { return 0; }
   int UnsubscribeL1(const ApiCodeItem*, int32_t) override { return 0; }
   int SubscribeL2(const ApiCodeItem*, int32_t) override { return 0; }
   int UnsubscribeL2(const ApiCodeItem*, int32_t) override { return 0; }
-  int ReqMarketOtherBase(int32_t) override { return 0; }
-  int ReqRefInfo(int32_t) override { return 0; }
-  int ReqLatestShare(int32_t) override { return 0; }
-  int ReqHoliday(int32_t) override { return 0; }
-  int ReqHKRate(const HKRateRequest*) override { return 0; }
+  int ReqMarketOtherBase(int32_t market_id) override;
+  int ReqRefInfo(int32_t market_id) override;
+  int ReqLatestShare(int32_t market_id) override;
+  int ReqHoliday(int32_t kind) override;
+  int ReqHKRate(const HKRateRequest* request) override;
   int ReqHisData(const HisBarRequest*) override { return 0; }
   int ReqHisDataCount(const HisBarRequest*) override { return 0; }
   int ReqL1NewHisTick(const HisTickRequest*) override { return 0; }
@@ -48,8 +61,8 @@ class SimDataApi final : public CDataApi {
   int ReqHotListData(int32_t) override { return 0; }
   int ReqHotList(int32_t) override { return 0; }
   int ReqScanner(int32_t) override { return 0; }
-  int ReqSharedFields() override { return 0; }
-  int ReqNewIssueList(int32_t) override { return 0; }
+  int ReqSharedFields() override;
+  int ReqNewIssueList(int32_t market_id) override;
   int ReqShareData(const FinanceRequest*) override { return 0; }
   int ReqIndustryData(const FinanceRequest*) override { return 0; }
   int ReqFinancialData(const FinanceRequest*) override { return 0; }
@@ -81,14 +94,30 @@ class SimDataApi final : public CDataApi {
   int UnsubscribeMarketPush(const ApiMarketItem*) override { return 0; }
 
  private:
+  using Handler = int (CDataApiCallBack::*)(const void*);
+  using Reply = std::pair<Handler, std::vector<uint8_t>>;
+
   // Runs fn with the registered callback object on the callback thread.
   void deliver(std::function<void(CDataApiCallBack*)> fn);
+  // Lends each reply's bytes to its callback, in order, on the callback thread.
+  void deliver(std::vector<Reply> replies);
+  // Callers hold mu_.
+  bool serving() const { return connected_ && callback_ != nullptr; }
+  Universe& universe();
+  // The markets a request names: one, or every one for 0; empty when unknown.
+  std::vector<const Market*> markets(int32_t market_id);
+  Reply status_reply(const Market& market);
 
   std::mutex mu_;
   ServerTable servers_;
   CDataApiCallBack* callback_ = nullptr;
   bool connected_ = false;
   bool refuse_connect_ = false;
+  uint64_t seed_ = Universe::kDefaultSeed;
+  std::unique_ptr<Universe> universe_;
+  // Checksum of each market's last status sent: a status reports a change
+  // when its checksum differs.
+  std::map<int, uint32_t> reported_;
   CallbackThread callbacks_;  // last: it stops before the state it reads goes
 };
 

@@ -20,6 +20,18 @@ DATAAPI_API int SimReportConnection(int server, int status);
 
 // Waits until every callback due now has been delivered: 1, or 0 on time-out.
 DATAAPI_API int SimWaitIdle(int timeout_ms);
+
+// The market (by id) moves to a new state, as a server does when a market's
+// data change during the day: its checksum changes, its trading day moves on
+// when the local date has, its prices move and a stock market lists a new
+// share. OnMarketStatus reports it at once with changed = 1, and the next
+// ReqMarketInit of the market answers with the new data. Returns -1 for an
+// unknown market or while the service is not connected, else 0.
+DATAAPI_API int SimChangeMarket(int market_id);
+
+// Picks the universe of another seed (the same seed, the same universe),
+// from the next Connect on.
+DATAAPI_API void SimSetSeed(unsigned seed);
 }
 
 #endif  // KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_

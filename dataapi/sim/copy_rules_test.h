@@ -1,0 +1,50 @@
+// How the library's callback adapter sizes its copy of each reply
+// (datamgr/callback_pro.cc), restated for the simulator's tests: a reply
+// must hold at least that many bytes, and exactly that many when it has
+// elements.
+#ifndef KELQUOTE_DATAAPI_SIM_COPY_RULES_TEST_H_
+#define KELQUOTE_DATAAPI_SIM_COPY_RULES_TEST_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace sim {
+
+struct CopyRule {
+  size_t head;      // bytes copied for a count of at most 1
+  size_t elem;      // bytes per further element; 0 for a fixed record
+  size_t count_at;  // offset of the 32-bit count
+};
+
+constexpr CopyRule kInitRule{132, 84, 44};
+constexpr CopyRule kOtherBaseRule{107, 98, 5};
+constexpr CopyRule kRefInfoRule{378, 370, 4};
+constexpr CopyRule kHolidayRule{12, 4, 4};
+constexpr CopyRule kStatusRule{13, 0, 0};
+constexpr CopyRule kSharedFieldsRule{8, 0, 0};
+constexpr CopyRule kNewIssueRule{140, 136, 0};
+constexpr CopyRule kHKRateRule{30, 16, 10};
+constexpr CopyRule kLatestShareRule{74, 64, 6};
+
+inline int32_t CountOf(const void* record, const CopyRule& rule) {
+  int32_t count;
+  std::memcpy(&count, static_cast<const uint8_t*>(record) + rule.count_at, sizeof(count));
+  return count;
+}
+
+inline size_t AdapterSize(const void* record, const CopyRule& rule) {
+  if (rule.elem == 0) return rule.head;
+  int32_t count = CountOf(record, rule);
+  return count > 1 ? rule.head + static_cast<size_t>(count - 1) * rule.elem : rule.head;
+}
+
+inline std::vector<uint8_t> CopyLikeTheAdapter(const void* record, const CopyRule& rule) {
+  const auto* bytes = static_cast<const uint8_t*>(record);
+  return std::vector<uint8_t>(bytes, bytes + AdapterSize(record, rule));
+}
+
+}  // namespace sim
+
+#endif  // KELQUOTE_DATAAPI_SIM_COPY_RULES_TEST_H_
