@@ -3,22 +3,31 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "dataapi/sim/sim_control.h"
+#include "demo/demo.h"
 #include "kelquote/KelQuoteClient.h"
 #include "utils/utils.h"
+
+namespace demo {
+
+std::string Utf8(const std::string& gbk) { return utils::safeGbk2Utf8(gbk); }
+
+}  // namespace demo
 
 namespace {
 
 const char kUsage[] =
-    "usage: kelquote_demo [--fail-connect] [--outage]\n"
+    "usage: kelquote_demo [--fail-connect] [--outage] [--seconds N]\n"
     "  Run from a folder holding dravikcfg.dat and ini/, beside ../userdata/log/.\n"
     "  --fail-connect  the simulated service refuses the connection: the login fails\n"
-    "  --outage        after login the quote connection drops for a second and comes back\n";
+    "  --outage        after login the quote connection drops for a second and comes back\n"
+    "  --seconds N     how long the live table runs (default 5)\n";
 
 // Connection reports arrive on the service's thread; main waits for them.
 class Reports {
@@ -52,9 +61,12 @@ class Reports {
 
 int main(int argc, char** argv) {
   bool fail_connect = false, outage = false;
+  int seconds = 5;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--fail-connect") == 0) {
       fail_connect = true;
+    } else if (std::strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
+      seconds = std::atoi(argv[++i]);
     } else if (std::strcmp(argv[i], "--outage") == 0) {
       outage = true;
     } else {
@@ -92,6 +104,9 @@ int main(int argc, char** argv) {
     SimReportConnection(0, 1);
     if (!reports.wait_for(0, seen)) std::printf("[demo] no report of the restore\n");
   }
+
+  demo::ShowMarkets(*client);
+  demo::ShowRealtime(*client, seconds);
 
   // The library has no logout: a session ends when the service closes it,
   // which also ends the library's threads before the process exits.

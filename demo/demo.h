@@ -1,0 +1,23 @@
+// The demo host's parts: each shows one side of the library.
+#ifndef KELQUOTE_DEMO_DEMO_H_
+#define KELQUOTE_DEMO_DEMO_H_
+
+#include <string>
+
+#include "kelquote/BaseQuoteClient.h"
+
+namespace demo {
+
+// GBK text of the library as UTF-8 for the terminal.
+std::string Utf8(const std::string& gbk);
+
+// Instruments and trading days per host market, then a market's
+// re-initialisation as the host is told of it.
+void ShowMarkets(tavr::BaseQuoteClient& client);
+
+// A live table of a few instruments and one whole market for seconds.
+void ShowRealtime(tavr::BaseQuoteClient& client, int seconds);
+
+}  // namespace demo
+
+#endif  // KELQUOTE_DEMO_DEMO_H_

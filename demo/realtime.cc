@@ -1,0 +1,7 @@
+#include "demo/demo.h"
+
+namespace demo {
+
+void ShowRealtime(tavr::BaseQuoteClient&, int) {}
+
+}  // namespace demo
