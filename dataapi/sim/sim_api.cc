@@ -236,8 +236,10 @@ int SimDataApi::ReqHKRate(const HKRateRequest* request) {
     std::lock_guard<std::mutex> lock(mu_);
     if (!serving()) return -1;
     const Universe& u = universe();
-    int32_t begin = copy.begin != 0 ? copy.begin : Universe::kHKConnectStart;
-    int32_t end = copy.end != 0 ? copy.end : u.market(kHK)->trade_date;
+    int32_t begin = copy.begin;
+    int32_t end = copy.end;
+    if (begin == 0) begin = Universe::kHKConnectStart;
+    if (end == 0) end = u.market(kHK)->trade_date;
     replies.emplace_back(&CDataApiCallBack::OnRespHKRateData,
                          hk_rate_reply(copy.field, begin, end, u.hk_rates(begin, end)));
   }

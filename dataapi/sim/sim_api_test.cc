@@ -135,15 +135,15 @@ TEST_F(SimApiTest, EveryMarketsStatusAndDataArriveOnTheServicesThread) {
       ASSERT_EQ(record.kind, "status");
       auto status = Read<ApiMarketStatus>(record.bytes);
       status_ids.push_back(status.market_id);
-      EXPECT_EQ(status.changed, 0);
-      EXPECT_NE(status.checksum, 0u);
+      EXPECT_EQ(+status.changed, 0);
+      EXPECT_NE(+status.checksum, 0u);
       continue;
     }
     ASSERT_EQ(record.kind, "init");
     auto head = Read<ApiMarketInitHead>(record.bytes);
     init_ids.push_back(head.market_id);
-    EXPECT_GT(head.code_count, 0u);
-    EXPECT_EQ(head.trade_date, Read<ApiMarketStatus>(records[i - 8].bytes).date);
+    EXPECT_GT(+head.code_count, 0u);
+    EXPECT_EQ(+head.trade_date, +Read<ApiMarketStatus>(records[i - 8].bytes).date);
     EXPECT_EQ(record.bytes.size(), sizeof(head) + head.code_count * sizeof(ApiCodeInit));
   }
   std::vector<int> ids{kSZ, kSH, kSQ, kSN, kDL, kZZ, kZJ, kHK};
@@ -163,8 +163,8 @@ TEST_F(SimApiTest, AStockMarketsFollowUpRepliesCoverItsInstruments) {
 
   ASSERT_EQ(records[0].kind, "other base");
   auto other = Read<ApiMarketOtherBaseHead>(records[0].bytes);
-  EXPECT_EQ(other.market_id, kSH);
-  ASSERT_EQ(other.count, static_cast<int32_t>(codes.size()));
+  EXPECT_EQ(+other.market_id, kSH);
+  ASSERT_EQ(+other.count, static_cast<int32_t>(codes.size()));
   int options = 0;
   for (int32_t i = 0; i < other.count; ++i) {
     auto item = Read<ApiOtherBaseItem>(records[0].bytes, sizeof(other) + i * sizeof(ApiOtherBaseItem));
@@ -175,17 +175,17 @@ TEST_F(SimApiTest, AStockMarketsFollowUpRepliesCoverItsInstruments) {
 
   ASSERT_EQ(records[1].kind, "reference");
   auto ref = Read<ApiRefInfoHead>(records[1].bytes);
-  EXPECT_EQ(ref.count, static_cast<int32_t>(codes.size()));
+  EXPECT_EQ(+ref.count, static_cast<int32_t>(codes.size()));
   auto first = Read<ApiRefInfoItem>(records[1].bytes, sizeof(ref));
   EXPECT_EQ(std::string(first.code), codes[0]);
-  EXPECT_FLOAT_EQ(first.tick, 0.01f);
+  EXPECT_FLOAT_EQ(+first.tick, 0.01f);
 
   ASSERT_EQ(records[2].kind, "share capital");
   auto shares = Read<ApiLatestShareHead>(records[2].bytes);
-  EXPECT_GT(shares.count, 2000);
+  EXPECT_GT(+shares.count, 2000);
   auto share = Read<ApiLatestShareItem>(records[2].bytes, sizeof(shares));
-  EXPECT_GE(share.total_shares, share.float_shares);
-  EXPECT_GT(share.float_shares, 0);
+  EXPECT_GE(+share.total_shares, +share.float_shares);
+  EXPECT_GT(+share.float_shares, 0);
 }
 
 TEST_F(SimApiTest, BaseDataSendsTheSharedFieldsThenTheNewIssues) {
@@ -194,10 +194,10 @@ TEST_F(SimApiTest, BaseDataSendsTheSharedFieldsThenTheNewIssues) {
   auto records = Settle();
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].kind, "shared fields");
-  EXPECT_NEAR(Read<ApiSharedFields>(records[0].bytes).rate, 0.915, 0.02);
+  EXPECT_NEAR(+Read<ApiSharedFields>(records[0].bytes).rate, 0.915, 0.02);
   ASSERT_EQ(records[1].kind, "new issues");
   auto head = Read<ApiNewIssueHead>(records[1].bytes);
-  EXPECT_GT(head.count, 0);
+  EXPECT_GT(+head.count, 0);
   auto issue = Read<ApiNewIssueItem>(records[1].bytes, sizeof(head));
   EXPECT_TRUE(issue.market_id == kSH || issue.market_id == kSZ);
   EXPECT_EQ(std::strlen(issue.code), 6u);
@@ -218,7 +218,7 @@ TEST_F(SimApiTest, HolidaysAndConnectRates) {
   ASSERT_EQ(records.size(), 3u);
 
   auto holidays = Read<ApiHolidayHead>(records[0].bytes);
-  EXPECT_EQ(holidays.kind, 2);
+  EXPECT_EQ(+holidays.kind, 2);
   std::vector<int32_t> days(static_cast<size_t>(holidays.count));
   std::memcpy(days.data(), records[0].bytes.data() + sizeof(holidays), days.size() * sizeof(int32_t));
   for (int32_t day : {20241001, 20241002, 20241003, 20241004, 20241007}) {
@@ -226,19 +226,19 @@ TEST_F(SimApiTest, HolidaysAndConnectRates) {
   }
 
   auto head = Read<ApiHKRateHead>(records[1].bytes);
-  EXPECT_EQ(head.field, 7);
-  EXPECT_EQ(head.begin, 20240101);
-  EXPECT_EQ(head.end, 20240131);
-  ASSERT_EQ(head.count, 22u);  // January 2024 without New Year's Day
+  EXPECT_EQ(+head.field, 7);
+  EXPECT_EQ(+head.begin, 20240101);
+  EXPECT_EQ(+head.end, 20240131);
+  ASSERT_EQ(+head.count, 22u);  // January 2024 without New Year's Day
   for (uint32_t i = 0; i < head.count; ++i) {
     auto rate = Read<ApiHKRateItem>(records[1].bytes, sizeof(head) + i * sizeof(ApiHKRateItem));
     EXPECT_EQ(rate.date / 100, 202401);
-    EXPECT_NEAR(rate.rate_a, 0.915, 0.02);
+    EXPECT_NEAR(+rate.rate_a, 0.915, 0.02);
   }
   auto whole = Read<ApiHKRateHead>(records[2].bytes);
-  EXPECT_EQ(whole.begin, Universe::kHKConnectStart);
-  EXPECT_GT(whole.count, 2800u);
-  EXPECT_EQ(Read<ApiHKRateItem>(records[2].bytes, sizeof(whole)).date, Universe::kHKConnectStart);
+  EXPECT_EQ(+whole.begin, Universe::kHKConnectStart);
+  EXPECT_GT(+whole.count, 2800u);
+  EXPECT_EQ(+Read<ApiHKRateItem>(records[2].bytes, sizeof(whole)).date, Universe::kHKConnectStart);
 }
 
 TEST_F(SimApiTest, AChangedMarketReportsItAndServesFreshData) {
@@ -254,10 +254,10 @@ TEST_F(SimApiTest, AChangedMarketReportsItAndServesFreshData) {
   ASSERT_EQ(reported[0].kind, "status");
   auto old_status = Read<ApiMarketStatus>(before[0].bytes);
   auto new_status = Read<ApiMarketStatus>(reported[0].bytes);
-  EXPECT_EQ(new_status.market_id, kSZ);
-  EXPECT_EQ(new_status.changed, 1);
-  EXPECT_NE(new_status.checksum, old_status.checksum);
-  EXPECT_GE(new_status.date, old_status.date);
+  EXPECT_EQ(+new_status.market_id, kSZ);
+  EXPECT_EQ(+new_status.changed, 1);
+  EXPECT_NE(+new_status.checksum, +old_status.checksum);
+  EXPECT_GE(+new_status.date, +old_status.date);
 
   std::vector<std::string> fresh = Codes(InitOf(kSZ));
   ASSERT_EQ(fresh.size(), codes.size() + 1);  // a new listing
@@ -270,8 +270,8 @@ TEST_F(SimApiTest, AChangedMarketReportsItAndServesFreshData) {
   ASSERT_EQ(api_->ReqMarketStatus(kSZ), 0);
   auto again = Settle();
   ASSERT_EQ(again.size(), 1u);
-  EXPECT_EQ(Read<ApiMarketStatus>(again[0].bytes).changed, 0);
-  EXPECT_EQ(Read<ApiMarketStatus>(again[0].bytes).checksum, new_status.checksum);
+  EXPECT_EQ(+Read<ApiMarketStatus>(again[0].bytes).changed, 0);
+  EXPECT_EQ(+Read<ApiMarketStatus>(again[0].bytes).checksum, +new_status.checksum);
   EXPECT_EQ(SimChangeMarket(4), -1);
 }
 

@@ -225,7 +225,8 @@ void SetLimits(Instrument& item, int limit_pm) {
 }
 
 // Earnings per share to four decimals: a loss now and then, else an
-// earnings yield of 1% to 20% of the price (price_units of 10^-digits).
+// earnings yield of 0.8% to 20% of the price, mostly at the low end
+// (price_units of 10^-digits).
 double Earnings(Rng& rng, int64_t price_units, int digits) {
   if (rng.chance(120)) return -static_cast<double>(rng.range(10, 8000)) / 10000.0;
   int64_t eps = price_units * rng.skewed(8, 200, 2) * Pow10(4) / (Pow10(digits) * 1000);

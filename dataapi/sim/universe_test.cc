@@ -439,36 +439,36 @@ TEST(RepliesTest, InitReplyCarriesTheHeadAndEveryInstrument) {
   const Market& sh = *Default().market(kSH);
   Bytes reply = market_init_reply(sh);
   auto [head, items] = Parse<ApiMarketInitHead, ApiCodeInit>(reply, sh.instruments.size());
-  EXPECT_EQ(head.market_id, kSH);
+  EXPECT_EQ(+head.market_id, kSH);
   EXPECT_STREQ(head.market_desc, "上海证券交易所");
-  EXPECT_EQ(head.trade_date, kToday);
-  EXPECT_EQ(head.code_count, sh.instruments.size());
+  EXPECT_EQ(+head.trade_date, kToday);
+  EXPECT_EQ(+head.code_count, sh.instruments.size());
   EXPECT_STREQ(items[0].code, "000001");
   EXPECT_STREQ(items[0].name, "上证指数");
-  EXPECT_EQ(items[0].volume_unit, 0);
+  EXPECT_EQ(+items[0].volume_unit, 0);
   const Instrument& moutai = *Find(sh, "600519");
   auto it = std::find_if(items.begin(), items.end(), [](const ApiCodeInit& i) { return std::strcmp(i.code, "600519") == 0; });
   ASSERT_NE(it, items.end());
   EXPECT_EQ(it->price_digits, 2);
-  EXPECT_EQ(it->volume_unit, 100);
-  EXPECT_EQ(it->list_date, 20010827u);
-  EXPECT_FLOAT_EQ(it->pre_close, static_cast<float>(moutai.pre_close()));
-  EXPECT_FLOAT_EQ(it->eps, static_cast<float>(moutai.eps));
+  EXPECT_EQ(+it->volume_unit, 100);
+  EXPECT_EQ(+it->list_date, 20010827u);
+  EXPECT_FLOAT_EQ(+it->pre_close, static_cast<float>(moutai.pre_close()));
+  EXPECT_FLOAT_EQ(+it->eps, static_cast<float>(moutai.eps));
 }
 
 TEST(RepliesTest, ReferenceReplyCarriesTicksAndLimits) {
   const Market& zj = *Default().market(kZJ);
   Bytes reply = ref_info_reply(zj);
   auto [head, items] = Parse<ApiRefInfoHead, ApiRefInfoItem>(reply, zj.instruments.size());
-  EXPECT_EQ(head.market_id, kZJ);
-  EXPECT_EQ(head.count, static_cast<int32_t>(zj.instruments.size()));
+  EXPECT_EQ(+head.market_id, kZJ);
+  EXPECT_EQ(+head.count, static_cast<int32_t>(zj.instruments.size()));
   bool seen = false;
   for (const ApiRefInfoItem& item : items) {
     if (std::strcmp(item.code, "IF2612") != 0) continue;
     seen = true;
-    EXPECT_FLOAT_EQ(item.tick, 0.2f);
-    EXPECT_GT(item.upper_limit, item.pre_close);
-    EXPECT_LT(item.lower_limit, item.pre_close);
+    EXPECT_FLOAT_EQ(+item.tick, 0.2f);
+    EXPECT_GT(+item.upper_limit, +item.pre_close);
+    EXPECT_LT(+item.lower_limit, +item.pre_close);
     EXPECT_NEAR(item.upper_limit / item.pre_close, 1.1, 0.001);
   }
   EXPECT_TRUE(seen);
