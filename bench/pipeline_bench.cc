@@ -138,6 +138,34 @@ void BM_L2Transactions(benchmark::State& state) {
 }
 BENCHMARK(BM_L2Transactions)->Arg(50)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// getStockList of a 5,000-instrument market, and the longest time a service
+// thread's instrument lookup waits for the instrument lock meanwhile.
+void BM_StockList(benchmark::State& state) {
+  const int n = 5000;
+  Pipeline pipeline(n);
+  auto market = pipeline.mgr().markets().find("SH");
+  std::atomic<bool> done{false};
+  std::atomic<int64_t> worst_lookup{0};
+  std::thread service([&] {
+    tavr::InstrumentView view;
+    while (!done.load(std::memory_order_acquire)) {
+      int64_t before = NowNs();
+      pipeline.mgr().instrument_view(*market, "600123", view);
+      int64_t took = NowNs() - before;
+      if (took > worst_lookup.load()) worst_lookup.store(took);
+    }
+  });
+  for (auto _ : state) {
+    std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
+    pipeline.client().getStockList("SH", 0, list);
+    if (list.size() != static_cast<size_t>(n)) state.SkipWithError("short list");
+  }
+  done = true;
+  service.join();
+  state.counters["lookup_worst_us"] = static_cast<double>(worst_lookup.load()) / 1000;
+}
+BENCHMARK(BM_StockList)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 }  // namespace
 }  // namespace bench
 

@@ -1,4 +1,5 @@
 #include "log/MyLog.h"
+#include "log/sized_rolling_appender.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -74,6 +75,9 @@ int CMyLog::InitLog() {
   const char* path = port::LogConfigPath();
   if (!port::FileExists(path)) WriteDefaultConfig(path);
   f.watcher = new log4cplus::ConfigureAndWatchThread(LOG4CPLUS_TEXT(path), 5000);
+  // The watcher configured the logger in its constructor; a later change of
+  // the file brings log4cplus's own appender back, which only costs speed.
+  SpeedUpRollingAppenders(BoundLogger(), path);
   return 0;
 }
 

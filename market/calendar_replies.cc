@@ -77,7 +77,10 @@ void DvDataMgr::on_reply_data(const ApiHKRateHead* data, size_t size) {
   std::lock_guard<std::mutex> lock(calendar_.mu);
   for (size_t i = 0; i < count; ++i) {
     ApiHKRateItem item = reply.item(i);
-    calendar_.hk_rates.emplace(item.date, std::make_pair(item.rate_a, item.rate_b));  // the first entry wins
+    // Copied out: the packed fields cannot be bound to references.
+    const int32_t date = item.date;
+    const float rate_a = item.rate_a, rate_b = item.rate_b;
+    calendar_.hk_rates.emplace(date, std::make_pair(rate_a, rate_b));  // the first entry wins
   }
   calendar_.hk_rates_ready = true;
 }

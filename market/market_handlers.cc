@@ -92,11 +92,12 @@ void DvDataMgr::on_reply_data(const ApiMarketInitHead* data, size_t size) {
   }
   {
     std::lock_guard<std::mutex> lock(calendar_.mu);
-    calendar_.max_trade_date = std::max(calendar_.max_trade_date, head.trade_date);
+    const int32_t trade_date = head.trade_date;  // packed: not bindable to a reference
+    calendar_.max_trade_date = std::max(calendar_.max_trade_date, trade_date);
     if (name != "HK") {
-      calendar_.trade_days.insert(head.trade_date);
+      calendar_.trade_days.insert(trade_date);
     } else {
-      calendar_.hk_rates.emplace(head.trade_date, std::make_pair(0.0f, 0.0f));
+      calendar_.hk_rates.emplace(trade_date, std::make_pair(0.0f, 0.0f));
     }
   }
   bool notify = market->reinit_pending.load();

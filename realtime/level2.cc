@@ -227,7 +227,8 @@ void DvDataMgr::on_reply_data_l2_order_queue(const void* data, size_t size) {
     r->volume = static_cast<double>(q.volume);
     r->side = q.side;
     r->orderCount = q.order_count;
-    r->listed = std::clamp(q.listed, 0, ApiL2OrderQueue::kListedOrders);
+    const int32_t listed = q.listed;  // packed: not bindable to a reference
+    r->listed = std::clamp(listed, 0, ApiL2OrderQueue::kListedOrders);
     std::memcpy(r->orders, q.orders, sizeof(int32_t) * r->listed);
     CMyLog::PrintLog(LOG_INFO, stream.function, "#[%d]:%lf,%lf,%d,%d,time=%lld", n, r->price, r->volume,
                      r->orderCount, r->listed, static_cast<long long>(r->time));

@@ -94,7 +94,7 @@ TEST_F(SubscriptionsTest, WholeMarkets) {
 
   EXPECT_EQ(mgr().request_mkt_tick_push("SH", 0), 2);
   auto item = testkit::record_of<ApiMarketItem>(api().calls("SubscribeMarketPush")[0]);
-  EXPECT_EQ(item.market_short, 2);
+  EXPECT_EQ(uint16_t{item.market_short}, 2);
   EXPECT_EQ(int32_t{item.market}, 2);
   mgr().release_mkt_tick_push(2);
   auto cancel = testkit::record_of<ApiMarketItem>(api().calls("UnsubscribeMarketPush")[0]);

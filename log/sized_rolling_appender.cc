@@ -1,0 +1,58 @@
+#include "log/sized_rolling_appender.h"
+
+#include <log4cplus/helpers/property.h>
+
+#include <filesystem>
+#include <system_error>
+#include <typeinfo>
+
+namespace tavr {
+
+SizedRollingFileAppender::SizedRollingFileAppender(const log4cplus::helpers::Properties& properties)
+    : log4cplus::RollingFileAppender(properties) {
+  std::error_code error;
+  auto bytes = std::filesystem::file_size(std::filesystem::path(filename), error);
+  size_ = error ? 0 : static_cast<long>(bytes);
+}
+
+void SizedRollingFileAppender::append(const log4cplus::spi::InternalLoggingEvent& event) {
+  // A lock file means other processes write too: only the stream knows the size.
+  if (lockFile || !out.good()) {
+    log4cplus::RollingFileAppender::append(event);
+    return;
+  }
+  if (size_ > maxFileSize) {
+    rollover(true);
+    size_ = 0;
+  }
+  const log4cplus::tstring& line = formatEvent(event);
+  out.write(line.data(), static_cast<std::streamsize>(line.size()));
+  if (immediateFlush) out.flush();
+  size_ += static_cast<long>(line.size());
+  if (size_ > maxFileSize) {
+    rollover(true);
+    size_ = 0;
+  }
+}
+
+void SpeedUpRollingAppenders(log4cplus::Logger logger, const char* config_path) {
+  log4cplus::helpers::Properties properties{log4cplus::tstring(config_path)};
+  for (const log4cplus::SharedAppenderPtr& appender : logger.getAllAppenders()) {
+    if (typeid(*appender) != typeid(log4cplus::RollingFileAppender)) continue;
+    const log4cplus::tstring prefix = LOG4CPLUS_TEXT("log4cplus.appender.") + appender->getName() + LOG4CPLUS_TEXT(".");
+    log4cplus::helpers::Properties own = properties.getPropertySubset(prefix);
+    // Substitutions are the configurator's business: leave such appenders alone.
+    bool plain = own.exists(LOG4CPLUS_TEXT("File"));
+    for (const log4cplus::tstring& key : own.propertyNames()) {
+      if (own.getProperty(key).find(LOG4CPLUS_TEXT("${")) != log4cplus::tstring::npos) plain = false;
+    }
+    if (!plain) continue;
+    log4cplus::SharedAppenderPtr faster(new SizedRollingFileAppender(own));
+    faster->setName(appender->getName());
+    logger.removeAppender(appender);
+    appender->close();
+    logger.addAppender(faster);
+  }
+}
+
+}  // namespace tavr
