@@ -1,0 +1,130 @@
+// A host of the shared libraries, linked as a terminal links them: kelquote,
+// quoter, utils and the simulated DataApi. Nothing of the library is compiled
+// in, so these tests see what crosses the module boundaries: the exported
+// singleton and type information, callbacks from the library's threads into
+// the host, host exceptions thrown through them, the GBK texts.
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dataapi/sim/sim_control.h"
+#include "kelquote/KelQuoteClient.h"
+#include "utils/utils.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// <tmp>/kq-host-*/run holding dravikcfg.dat and ini/, beside userdata/log/,
+// as the working directory while alive.
+class HostFolder {
+ public:
+  HostFolder() : old_(fs::current_path()) {
+    auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    root_ = fs::temp_directory_path() / ("kq-host-" + std::to_string(stamp));
+    fs::create_directories(root_ / "run" / "ini");
+    fs::create_directories(root_ / "userdata" / "log");
+    std::ofstream(root_ / "run" / "dravikcfg.dat", std::ios::binary)
+        << "<?xml version=\"1.0\"?>\n<dravik><hq>"
+           "<quote><server ip=\"127.0.0.1\" port=\"9001\"/></quote>"
+           "<history><server ip=\"127.0.0.1\" port=\"9101\"/></history>"
+           "</hq></dravik>\n";
+    fs::current_path(root_ / "run");
+  }
+  ~HostFolder() {
+    std::error_code ec;
+    fs::current_path(old_, ec);
+    // Windows keeps the open log file; the rest goes.
+    fs::remove_all(root_, ec);
+  }
+  const fs::path& root() const { return root_; }
+
+ private:
+  fs::path old_;
+  fs::path root_;
+};
+
+// Connection reports as the host receives them on the library's thread.
+class Reports {
+ public:
+  void add(int code, std::string text) {
+    std::lock_guard<std::mutex> lock(mu_);
+    reports_.emplace_back(code, std::move(text));
+    cv_.notify_all();
+  }
+  // Waits until n reports have arrived; false after 5 s.
+  bool wait(size_t n) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, std::chrono::seconds(5), [&] { return reports_.size() >= n; });
+  }
+  std::vector<std::pair<int, std::string>> all() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return reports_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<std::pair<int, std::string>> reports_;
+};
+
+TEST(DllHostTest, TheExportedClientIsOneObjectOfTheExportedClass) {
+  tavr::BaseQuoteClient* client = getKelClient();
+  ASSERT_NE(client, nullptr);
+  EXPECT_EQ(getKelClient(), client);
+  EXPECT_EQ(&tavr::KelQuoteClient::get(), client);
+  EXPECT_EQ(tavr::KelQuoteClient::m_instance, client);
+  // Type information compared across modules.
+  EXPECT_EQ(dynamic_cast<tavr::KelQuoteClient*>(client), client);
+}
+
+TEST(DllHostTest, ASessionReachesTheHostAndSurvivesAThrowingCallback) {
+  HostFolder folder;
+  tavr::BaseQuoteClient* client = getKelClient();
+  Reports reports;
+  client->registerQuoterConnectCallBack([&reports](int code, std::string text) {
+    reports.add(code, text);
+    if (code == 1) throw std::runtime_error("host failure");
+  });
+
+  bool called = false, logged_in = false;
+  std::string reason;
+  client->goLogin(tavr::LoginParam{}, [&](bool ok, std::string text) {
+    called = true;
+    logged_in = ok;
+    reason = std::move(text);
+  });
+  ASSERT_TRUE(called) << "the login callback runs before goLogin returns";
+  ASSERT_TRUE(logged_in) << utils::safeGbk2Utf8(reason);
+  EXPECT_TRUE(fs::exists("ini/KELQuoteLog.config"));
+  EXPECT_GT(fs::file_size(folder.root() / "userdata" / "log" / "DravikData.log"), 0u);
+
+  // The loss report's callback throws on the library's thread; the library
+  // keeps the exception and goes on reporting.
+  ASSERT_EQ(SimReportConnection(0, 0), 0);
+  ASSERT_TRUE(reports.wait(1));
+  ASSERT_EQ(SimReportConnection(0, 1), 0);
+  ASSERT_TRUE(reports.wait(2)) << "no report after the host's exception";
+  ASSERT_EQ(SimReportConnection(0, 2), 0);
+  ASSERT_TRUE(reports.wait(3));
+  EXPECT_EQ(SimWaitIdle(5000), 1);
+
+  auto got = reports.all();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0].first, 1);
+  EXPECT_EQ(got[1].first, 0);
+  EXPECT_EQ(got[2].first, 2);
+  // The library's texts are GBK; this file's literals are UTF-8.
+  EXPECT_NE(got[0].second, "Dravik后台数据连接中断，尝试重连中....");
+  EXPECT_EQ(utils::safeGbk2Utf8(got[0].second), "Dravik后台数据连接中断，尝试重连中....");
+}
+
+}  // namespace
