@@ -1,7 +1,96 @@
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "demo/demo.h"
 
 namespace demo {
 
-void ShowRealtime(tavr::BaseQuoteClient&, int) {}
+namespace {
+
+struct Row {
+  std::string host_market;
+  std::string code;
+  std::string name;
+  double last = 0, close = 0;
+  int64_t volume = 0;
+  uint32_t phase = 0;
+  int updates = 0;
+};
+
+// The instrument's name from the market's list, for the table.
+std::string NameOf(tavr::BaseQuoteClient& client, const std::string& market, const std::string& code) {
+  std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
+  client.getStockList(market, 0, list);
+  for (const auto& detail : list) {
+    if (detail->code == code) return Utf8(detail->name);
+  }
+  return "?";
+}
+
+}  // namespace
+
+void ShowRealtime(tavr::BaseQuoteClient& client, int seconds) {
+  const std::pair<const char*, const char*> wanted[] = {
+      {"SH", "600000"}, {"SH", "688001"}, {"SZ", "000001"}, {"IF", "IF"}, {"HGT", "00700"}};
+  std::mutex mu;
+  std::vector<Row> rows;
+  std::vector<int> ids;
+  for (const auto& [market, code] : wanted) {
+    Row row;
+    row.host_market = market;
+    row.code = code;
+    row.name = NameOf(client, market, code);
+    rows.push_back(row);
+  }
+  for (size_t i = 0; i < rows.size(); ++i) {
+    quoter::TSMetaInfo meta;
+    meta.market = rows[i].host_market;
+    meta.code = rows[i].code;
+    meta.metaId = 3000;
+    int id = client.subscribeQuote(meta, {}, "", [&, i](se::EQuoteSubStatus status, const tavr::QuoteRecords& records,
+                                                         se::EDataArrivedTag) {
+      if (status != se::kQuoteData || records.empty()) return;
+      // The last record is the regular snapshot; the first one the after-hours record.
+      const auto* a = dynamic_cast<const quoter::QuoterAllData*>(records.back().get());
+      if (a == nullptr) return;
+      std::lock_guard<std::mutex> lock(mu);
+      rows[i].last = a->lastPrice;
+      rows[i].close = a->lastClose;
+      rows[i].volume = a->volume;
+      rows[i].phase = a->tradingPhase;
+      ++rows[i].updates;
+    });
+    ids.push_back(id);
+  }
+  size_t packages = 0, package_size = 0;
+  int whole = client.subWholeQuote("SH", [&](const tavr::QuoteMap& map) {
+    std::lock_guard<std::mutex> lock(mu);
+    ++packages;
+    package_size = map.size();
+  });
+
+  for (int s = 1; s <= seconds; ++s) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::lock_guard<std::mutex> lock(mu);
+    std::printf("\n[live %ds] %-4s %-8s %-14s %10s %8s %10s %5s %4s\n", s, "mkt", "code", "name", "last", "chg%",
+                "volume", "phase", "upd");
+    for (const Row& row : rows) {
+      double change = row.close > 0 ? (row.last - row.close) / row.close * 100 : 0;
+      std::printf("          %-4s %-8s %-14s %10.3f %+8.2f %10lld %5u %4d\n", row.host_market.c_str(),
+                  row.code.c_str(), row.name.c_str(), row.last, change, static_cast<long long>(row.volume), row.phase,
+                  row.updates);
+    }
+    std::printf("          SH whole market: %zu packages, the last of %zu instruments\n", packages, package_size);
+    std::fflush(stdout);
+  }
+  for (int id : ids) client.unsubscribe(id);
+  client.unWholeQuote(whole);
+  std::printf("[demo] unsubscribed\n");
+}
 
 }  // namespace demo

@@ -1,12 +1,14 @@
 #include "realtime/subscription_table.h"
 
+#include <utility>
+
 namespace tavr {
 
 SubscriptionTable::SubscriptionTable() : current_(std::make_shared<const Snapshot>()) {}
 
 bool SubscriptionTable::add(const std::string& key, TickSubscription entry) {
   std::lock_guard<std::mutex> lock(mu_);
-  auto next = std::make_shared<Snapshot>(*current_.load());
+  auto next = std::make_shared<Snapshot>(*snapshot());
   bool fresh = true;
   auto [begin, end] = next->subscribers.equal_range(key);
   for (auto it = begin; it != end; ++it) {
@@ -15,13 +17,17 @@ bool SubscriptionTable::add(const std::string& key, TickSubscription entry) {
   if (fresh) subscribed_count.fetch_add(1);
   next->subscribers.emplace(key, entry);  // after equal keys: insertion order
   next->serials.emplace(entry.serial, 1);
-  current_.store(std::move(next), std::memory_order_release);
+  std::shared_ptr<const Snapshot> old;
+  {
+    std::lock_guard<std::mutex> lock(current_mu_);
+    old = std::exchange(current_, std::move(next));
+  }
   return fresh;
 }
 
 bool SubscriptionTable::remove(const std::string& key, uint16_t serial, uint8_t& level) {
   std::lock_guard<std::mutex> lock(mu_);
-  auto next = std::make_shared<Snapshot>(*current_.load());
+  auto next = std::make_shared<Snapshot>(*snapshot());
   bool cancel = true;
   auto [begin, end] = next->subscribers.equal_range(key);
   for (auto it = begin; it != end; ++it) {
@@ -35,7 +41,11 @@ bool SubscriptionTable::remove(const std::string& key, uint16_t serial, uint8_t&
     break;
   }
   next->serials.erase(serial);
-  current_.store(std::move(next), std::memory_order_release);
+  std::shared_ptr<const Snapshot> old;
+  {
+    std::lock_guard<std::mutex> lock(current_mu_);
+    old = std::exchange(current_, std::move(next));
+  }
   return cancel;
 }
 

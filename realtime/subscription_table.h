@@ -1,7 +1,7 @@
 // The per-instrument subscription tables. Writers (host threads) copy,
 // change and publish; readers (the tick handlers on the service threads)
-// take the published snapshot without any lock, so a delivery never waits
-// for a subscribe and never sees a table half changed.
+// take the published snapshot under a lock held only for a pointer copy, so
+// a delivery never waits for a subscribe and never sees a table half changed.
 #ifndef KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 #define KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 
@@ -36,14 +36,18 @@ class SubscriptionTable {
   // that was never entered (level is then left as passed).
   bool remove(const std::string& key, uint16_t serial, uint8_t& level);
 
-  std::shared_ptr<const Snapshot> snapshot() const { return current_.load(std::memory_order_acquire); }
+  std::shared_ptr<const Snapshot> snapshot() const {
+    std::lock_guard<std::mutex> lock(current_mu_);
+    return current_;
+  }
   bool holds_serial(uint16_t serial) const { return snapshot()->serials.count(serial) != 0; }
 
   std::atomic<uint32_t> subscribed_count{0};  // distinct (key, level) pairs subscribed
 
  private:
-  std::mutex mu_;  // serialises writers
-  std::atomic<std::shared_ptr<const Snapshot>> current_;
+  std::mutex mu_;                  // serialises writers
+  mutable std::mutex current_mu_;  // guards the pointer, not the snapshot
+  std::shared_ptr<const Snapshot> current_;
 };
 
 }  // namespace tavr
