@@ -45,7 +45,8 @@ bool Pipeline::WaitFor(const std::atomic<int64_t>& counter, int64_t target) {
   auto deadline = Clock::now() + std::chrono::seconds(60);
   while (counter.load(std::memory_order_acquire) < target) {
     if (Clock::now() > deadline) return false;
-    std::this_thread::yield();
+    // Sleeps: a spinning benchmark thread would take a core from the pipeline.
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
   }
   return true;
 }

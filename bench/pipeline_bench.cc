@@ -8,6 +8,7 @@
 
 #include "bench/pipeline.h"
 #include "log/MyLog.h"
+#include "port/port.h"
 
 namespace bench {
 namespace {
@@ -58,8 +59,7 @@ void BM_L1Latency(benchmark::State& state) {
     auto start = Clock::now();
     for (int64_t i = 0; i < count; ++i) {
       auto due = start + std::chrono::nanoseconds(i * 1000000000 / per_second);
-      while (Clock::now() < due) {
-      }
+      while (Clock::now() < due) port::CpuRelax();
       ApiL1Tick tick = Tick("600000", static_cast<uint32_t>(i));
       int64_t before = NowNs();
       sent_at[i] = before;

@@ -55,6 +55,9 @@ void JoinThread(Thread* thread);
 // Number of processors the system reports (at least 1).
 int ProcessorCount();
 void SleepMs(int milliseconds);
+// A short pause inside a spin-wait loop: tells the processor the thread is
+// spinning, without a system call.
+void CpuRelax();
 // The operating system's id of the calling thread.
 unsigned long CurrentThreadId();
 

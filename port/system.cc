@@ -4,6 +4,9 @@
 
 #include "port/port.h"
 
+#if defined(__x86_64__) || defined(_M_X64)
+#include <immintrin.h>
+#endif
 #if defined(_WIN32)
 #include <windows.h>
 #else
@@ -105,6 +108,14 @@ bool GbkToUtf8(const std::string& gbk, std::string* utf8) {
   out.resize(out.size() - out_left);
   *utf8 = std::move(out);
   return true;
+#endif
+}
+
+void CpuRelax() {
+#if defined(__x86_64__) || defined(_M_X64)
+  _mm_pause();
+#else
+  std::this_thread::yield();
 #endif
 }
 
