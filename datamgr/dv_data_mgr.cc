@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "log/MyLog.h"
+#include "log/sized_rolling_appender.h"
 #include "utils/utils.h"
 
 namespace tavr {
@@ -156,6 +157,8 @@ void DvDataMgr::handle_msg(DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
                    "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
   try {
+    // The lines of one message reach the log file together.
+    SizedRollingFileAppender::FlushBatch batch;
     if (message_hook_) message_hook_(msg->msg_type, msg->data, msg->size);
     on_reply_data(static_cast<int>(msg->msg_type), msg->data, msg->size);
   } catch (...) {

@@ -2,11 +2,37 @@
 
 #include <log4cplus/helpers/property.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 #include <typeinfo>
+#include <vector>
 
 namespace tavr {
+
+namespace {
+
+thread_local int t_batch_depth = 0;
+// Appenders holding lines of this thread's open batch; the shared pointers
+// keep them alive across a reconfiguration.
+thread_local std::vector<log4cplus::SharedAppenderPtr> t_dirty;
+
+}  // namespace
+
+SizedRollingFileAppender::FlushBatch::FlushBatch() { ++t_batch_depth; }
+
+SizedRollingFileAppender::FlushBatch::~FlushBatch() {
+  if (--t_batch_depth != 0 || t_dirty.empty()) return;
+  for (const log4cplus::SharedAppenderPtr& appender : t_dirty) {
+    static_cast<SizedRollingFileAppender*>(appender.get())->FlushPending();
+  }
+  t_dirty.clear();
+}
+
+void SizedRollingFileAppender::FlushPending() {
+  log4cplus::thread::MutexGuard guard(access_mutex);
+  out.flush();
+}
 
 SizedRollingFileAppender::SizedRollingFileAppender(const log4cplus::helpers::Properties& properties)
     : log4cplus::RollingFileAppender(properties) {
@@ -27,7 +53,14 @@ void SizedRollingFileAppender::append(const log4cplus::spi::InternalLoggingEvent
   }
   const log4cplus::tstring& line = formatEvent(event);
   out.write(line.data(), static_cast<std::streamsize>(line.size()));
-  if (immediateFlush) out.flush();
+  if (immediateFlush) {
+    if (t_batch_depth == 0) {
+      out.flush();
+    } else {
+      log4cplus::SharedAppenderPtr self(this);
+      if (std::find(t_dirty.begin(), t_dirty.end(), self) == t_dirty.end()) t_dirty.push_back(self);
+    }
+  }
   size_ += static_cast<long>(line.size());
   if (size_ > maxFileSize) {
     rollover(true);

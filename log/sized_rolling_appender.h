@@ -14,6 +14,20 @@ class SizedRollingFileAppender : public log4cplus::RollingFileAppender {
  public:
   explicit SizedRollingFileAppender(const log4cplus::helpers::Properties& properties);
 
+  // Writes out what deferred lines the stream still holds.
+  void FlushPending();
+
+  // While a thread is inside a FlushBatch, the lines it appends are flushed
+  // when the outermost batch ends instead of one by one; other threads'
+  // lines (and a full stream buffer) still flush them earlier, in order.
+  class FlushBatch {
+   public:
+    FlushBatch();
+    ~FlushBatch();
+    FlushBatch(const FlushBatch&) = delete;
+    FlushBatch& operator=(const FlushBatch&) = delete;
+  };
+
  protected:
   void append(const log4cplus::spi::InternalLoggingEvent& event) override;
 

@@ -68,5 +68,28 @@ TEST(SizedRollingAppenderTest, ContinuesAnExistingFileAtItsSize) {
   EXPECT_EQ(Slurp(dir.path() / "grown.log.1").size(), 200u * 1024 + 10);
 }
 
+TEST(SizedRollingAppenderTest, BatchedLinesReachTheFileWhenTheBatchEnds) {
+  testkit::WorkDir dir;
+  log4cplus::SharedAppenderPtr sized(new SizedRollingFileAppender(Props("batch.log")));
+  sized->setLayout(std::make_unique<log4cplus::PatternLayout>("%m%n"));
+  auto line = [&](const std::string& text) {
+    sized->doAppend(log4cplus::spi::InternalLoggingEvent("KELLog", log4cplus::INFO_LOG_LEVEL, text, nullptr, 0));
+  };
+  line("alone");
+  EXPECT_EQ(Slurp(dir.path() / "batch.log"), "alone\n");  // flushed at once
+  {
+    SizedRollingFileAppender::FlushBatch batch;
+    line("one");
+    {
+      SizedRollingFileAppender::FlushBatch inner;
+      line("two");
+    }
+    EXPECT_EQ(Slurp(dir.path() / "batch.log"), "alone\n");  // held until the outer batch ends
+    line("three");
+  }
+  EXPECT_EQ(Slurp(dir.path() / "batch.log"), "alone\none\ntwo\nthree\n");
+  sized->close();
+}
+
 }  // namespace
 }  // namespace tavr
