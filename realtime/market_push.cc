@@ -72,7 +72,8 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
     }
     if (after_hours) continue;
     QuoteMap& target = stocks && where != 1 ? secondary : primary;
-    target[code] = std::move(a);
+    // Packages come in code order: the hint makes each insert constant time.
+    target.insert_or_assign(target.end(), code, std::move(a));
     CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiMarketPushResp] Insert data[%s.%s][%d].....", code.c_str(),
                      name.c_str(), where);
   }
