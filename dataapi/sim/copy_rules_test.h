@@ -28,6 +28,17 @@ constexpr CopyRule kNewIssueRule{140, 136, 0};
 constexpr CopyRule kHKRateRule{30, 16, 10};
 constexpr CopyRule kLatestShareRule{74, 64, 6};
 
+constexpr CopyRule kTickL1Rule{249, 0, 0};
+constexpr CopyRule kMarketPushRule{255, 249, 2};
+
+// Level-2 elements as the adapter sizes them; the order queue's 216-byte
+// records lie at their own stride inside room of 864 bytes each.
+constexpr size_t kL2SnapshotElem = 504;
+constexpr size_t kL2IndexElem = 108;
+constexpr size_t kL2TransactionElem = 79;
+constexpr size_t kL2OrderElem = 62;
+constexpr size_t kL2QueueElem = 864;
+
 inline int32_t CountOf(const void* record, const CopyRule& rule) {
   int32_t count;
   std::memcpy(&count, static_cast<const uint8_t*>(record) + rule.count_at, sizeof(count));
@@ -43,6 +54,15 @@ inline size_t AdapterSize(const void* record, const CopyRule& rule) {
 inline std::vector<uint8_t> CopyLikeTheAdapter(const void* record, const CopyRule& rule) {
   const auto* bytes = static_cast<const uint8_t*>(record);
   return std::vector<uint8_t>(bytes, bytes + AdapterSize(record, rule));
+}
+
+// A level-2 message: the 8-byte head and count elements, or the head and
+// one byte without any.
+inline std::vector<uint8_t> CopyLevel2LikeTheAdapter(const void* record, size_t elem) {
+  int32_t count = CountOf(record, CopyRule{8, elem, 4});
+  size_t size = count > 0 ? 8 + static_cast<size_t>(count) * elem : 9;
+  const auto* bytes = static_cast<const uint8_t*>(record);
+  return std::vector<uint8_t>(bytes, bytes + size);
 }
 
 }  // namespace sim

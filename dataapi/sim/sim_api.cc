@@ -41,6 +41,7 @@ int SimDataApi::Connect(ConnectResult* result) {
     universe_.reset();
   }
   universe();
+  schedule();
   return 0;
 }
 
@@ -48,6 +49,7 @@ int SimDataApi::Release() {
   {
     std::lock_guard<std::mutex> lock(mu_);
     connected_ = false;
+    stop_streams();
   }
   // After Release no callback may reach the library, except the one that may
   // be running this Release.
@@ -66,6 +68,9 @@ bool SimDataApi::report_connection(int server, int status) {
     if (callback_ == nullptr) return false;
     if (server == 0 && status != 1) connected_ = false;
     if (server == 0 && status == 1) connected_ = true;
+    // A restored connection resumes the streams, as a vendor's library
+    // subscribes again by itself.
+    schedule();
   }
   deliver([server, status](CDataApiCallBack* callback) { callback->OnConnectStatus(server, status); });
   return true;
@@ -81,6 +86,7 @@ bool SimDataApi::change_market(int market_id) {
   {
     std::lock_guard<std::mutex> lock(mu_);
     if (!serving() || !universe().change_market(market_id, local_today())) return false;
+    quotes_->reset_market(market_id);
     reply = status_reply(*universe().market(market_id));
   }
   deliver(std::vector<Reply>{std::move(reply)});
@@ -88,7 +94,10 @@ bool SimDataApi::change_market(int market_id) {
 }
 
 Universe& SimDataApi::universe() {
-  if (universe_ == nullptr) universe_ = std::make_unique<Universe>(seed_, local_today());
+  if (universe_ == nullptr) {
+    universe_ = std::make_unique<Universe>(seed_, local_today());
+    quotes_ = std::make_unique<QuoteBook>(seed_);
+  }
   return *universe_;
 }
 

@@ -4,13 +4,17 @@
 #ifndef KELQUOTE_DATAAPI_SIM_SIM_API_H_
 #define KELQUOTE_DATAAPI_SIM_SIM_API_H_
 
+#include <atomic>
+#include <compare>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "dataapi/DataApi.h"
 #include "dataapi/sim/callback_thread.h"
+#include "dataapi/sim/quotes.h"
 #include "dataapi/sim/universe.h"
 
 namespace sim {
@@ -34,6 +38,18 @@ class SimDataApi final : public CDataApi {
   // an unknown market or while not connected.
   bool change_market(int market_id);
 
+  static constexpr int kDefaultStreamIntervalMs = 500;
+  static constexpr int kDefaultPushIntervalMs = 1000;
+  static constexpr int kMaxIntervalMs = 3600000;
+  // Time between two sends of an instrument's stream, and between two
+  // packages of a market; a stream's next send follows its last one by the
+  // new interval. False outside 1 ms to an hour.
+  bool set_stream_interval(int ms);
+  bool set_push_interval(int ms);
+  // The streams' clock reads hhmmss now and runs on from there; a negative
+  // value returns it to the local clock. False for an invalid time.
+  bool set_time_of_day(int hhmmss);
+
   // Requests answer on the callback thread and return 0, or return -1 and
   // answer nothing while not connected or for an unknown market or kind.
 
@@ -43,10 +59,14 @@ class SimDataApi final : public CDataApi {
   int ReqMarketInit(int32_t market_id) override;
   int ReqMarketStatus(int32_t market_id) override;
   int ReqBaseData() override;
-  int SubscribeL1(const ApiCodeItem*, int32_t) override { return 0; }
-  int UnsubscribeL1(const ApiCodeItem*, int32_t) override { return 0; }
-  int SubscribeL2(const ApiCodeItem*, int32_t) override { return 0; }
-  int UnsubscribeL2(const ApiCodeItem*, int32_t) override { return 0; }
+  // An instrument has one stream of each level, started by its first
+  // subscribe and stopped by a cancel. A subscribe naming an unknown market
+  // or code returns -1 and starts nothing; a cancel of a stream that is not
+  // running does nothing and returns 0.
+  int SubscribeL1(const ApiCodeItem* items, int32_t count) override;
+  int UnsubscribeL1(const ApiCodeItem* items, int32_t count) override;
+  int SubscribeL2(const ApiCodeItem* items, int32_t count) override;
+  int UnsubscribeL2(const ApiCodeItem* items, int32_t count) override;
   int ReqMarketOtherBase(int32_t market_id) override;
   int ReqRefInfo(int32_t market_id) override;
   int ReqLatestShare(int32_t market_id) override;
@@ -90,8 +110,9 @@ class SimDataApi final : public CDataApi {
   int ReqUnused51(const void*) override { return -1; }
   int ReqUnused52(const void*) override { return -1; }
   int Release() override;
-  int SubscribeMarketPush(const ApiMarketItem*) override { return 0; }
-  int UnsubscribeMarketPush(const ApiMarketItem*) override { return 0; }
+  // Whole-market packages of the market named by the item's market field.
+  int SubscribeMarketPush(const ApiMarketItem* item) override;
+  int UnsubscribeMarketPush(const ApiMarketItem* item) override;
 
  private:
   using Handler = int (CDataApiCallBack::*)(const void*);
@@ -108,6 +129,41 @@ class SimDataApi final : public CDataApi {
   std::vector<const Market*> markets(int32_t market_id);
   Reply status_reply(const Market& market);
 
+  // Streams: one scheduler task on the callback thread serves every stream
+  // that is due and posts itself again for the next one due.
+  using Clock = CallbackThread::Clock;
+  enum class StreamKind : uint8_t { kLevel1, kLevel2, kMarket };
+  struct StreamKey {
+    StreamKind kind;
+    int market;
+    std::string code;  // empty for a market's packages
+    auto operator<=>(const StreamKey&) const = default;
+  };
+  struct Stream {
+    Clock::time_point due;
+    Clock::time_point sent;  // the epoch until the first send
+    // Cleared when the stream stops, so that sends already built are dropped.
+    std::shared_ptr<std::atomic<bool>> live;
+  };
+  struct Send {
+    Handler handler;
+    std::vector<uint8_t> bytes;
+    std::shared_ptr<std::atomic<bool>> live;
+  };
+  int subscribe(StreamKind kind, const ApiCodeItem* items, int32_t count);
+  int unsubscribe(StreamKind kind, const ApiCodeItem* items, int32_t count);
+  // Callers hold mu_.
+  void start_stream(StreamKey key);
+  void stop_stream(const StreamKey& key);
+  void stop_streams();
+  void schedule();
+  int interval_ms(StreamKind kind) const;
+  void retime(StreamKind kind);
+  Stamp stamp() const;
+  void build(const StreamKey& key, const Stamp& now, std::vector<Send>& sends);
+  // The scheduler task; token tells the latest posted one from stale ones.
+  void run_streams(uint64_t token);
+
   std::mutex mu_;
   ServerTable servers_;
   CDataApiCallBack* callback_ = nullptr;
@@ -115,6 +171,13 @@ class SimDataApi final : public CDataApi {
   bool refuse_connect_ = false;
   uint64_t seed_ = Universe::kDefaultSeed;
   std::unique_ptr<Universe> universe_;
+  std::unique_ptr<QuoteBook> quotes_;  // the walks of universe_
+  std::map<StreamKey, Stream> streams_;
+  int stream_interval_ms_ = kDefaultStreamIntervalMs;
+  int push_interval_ms_ = kDefaultPushIntervalMs;
+  int64_t clock_offset_ms_ = 0;
+  uint64_t tick_token_ = 0;
+  Clock::time_point tick_at_ = Clock::time_point::max();  // of the pending scheduler task
   // Checksum of each market's last status sent: a status reports a change
   // when its checksum differs.
   std::map<int, uint32_t> reported_;

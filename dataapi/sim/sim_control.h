@@ -32,6 +32,21 @@ DATAAPI_API int SimChangeMarket(int market_id);
 // Picks the universe of another seed (the same seed, the same universe),
 // from the next Connect on.
 DATAAPI_API void SimSetSeed(unsigned seed);
+
+// Time between two sends of a subscribed instrument's level-1 or level-2
+// stream (500 ms at first), and between two whole-market packages of a
+// subscribed market (1000 ms at first). A stream's next send follows its
+// last one by the new interval. Returns -1 for less than 1 ms or more than
+// an hour, else 0.
+DATAAPI_API int SimSetStreamInterval(int ms);
+DATAAPI_API int SimSetPushInterval(int ms);
+
+// The clock that stamps the streams' records reads hhmmss (local time of
+// day) now and runs on from there, so that a host sees the market at that
+// hour (a STAR share's after-hours trading from 15:00:01 to 15:30:05, a
+// futures market's session phase). A negative value returns the clock to
+// the local time. Returns -1 for an invalid time, else 0.
+DATAAPI_API int SimSetTimeOfDay(int hhmmss);
 }
 
 #endif  // KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_
