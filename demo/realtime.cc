@@ -4,6 +4,8 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "demo/demo.h"
@@ -22,29 +24,30 @@ struct Row {
   int updates = 0;
 };
 
-// The instrument's name from the market's list, for the table.
-std::string NameOf(tavr::BaseQuoteClient& client, const std::string& market, const std::string& code) {
+// The first instrument of the market whose code begins with prefix, with
+// its name, from the market's list.
+std::pair<std::string, std::string> Find(tavr::BaseQuoteClient& client, const std::string& market,
+                                         const std::string& prefix) {
   std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
   client.getStockList(market, 0, list);
   for (const auto& detail : list) {
-    if (detail->code == code) return Utf8(detail->name);
+    if (detail->code.compare(0, prefix.size(), prefix) == 0) return {detail->code, Utf8(detail->name)};
   }
-  return "?";
+  return {prefix, "?"};
 }
 
 }  // namespace
 
 void ShowRealtime(tavr::BaseQuoteClient& client, int seconds) {
   const std::pair<const char*, const char*> wanted[] = {
-      {"SH", "600000"}, {"SH", "688001"}, {"SZ", "000001"}, {"IF", "IF"}, {"HGT", "00700"}};
+      {"SH", "600000"}, {"SH", "688"}, {"SZ", "000001"}, {"IF", "IF"}, {"HGT", "00700"}};
   std::mutex mu;
   std::vector<Row> rows;
   std::vector<int> ids;
   for (const auto& [market, code] : wanted) {
     Row row;
     row.host_market = market;
-    row.code = code;
-    row.name = NameOf(client, market, code);
+    std::tie(row.code, row.name) = Find(client, market, code);
     rows.push_back(row);
   }
   for (size_t i = 0; i < rows.size(); ++i) {
