@@ -22,6 +22,14 @@
 
 namespace port {
 
+// Bytes one '\n' takes in a file written through a text-mode stream (an
+// fstream opened without std::ios::binary, as log4cplus opens its files).
+#if defined(_WIN32)
+inline constexpr int kTextNewlineBytes = 2;
+#else
+inline constexpr int kTextNewlineBytes = 1;
+#endif
+
 // A counting semaphore with a maximum count, as the Windows kernel object:
 // a release that would lift the count above the maximum fails and leaves the
 // count unchanged.
@@ -51,6 +59,41 @@ class Semaphore {
 struct Thread;
 Thread* StartThread(unsigned (*fn)(void*), void* arg);
 void JoinThread(Thread* thread);
+
+// A per-thread pointer slot: dtor(value) runs when a thread that set a
+// non-null value ends. Slots live as long as the process.
+class ThreadSlot {
+ public:
+  explicit ThreadSlot(void (*dtor)(void*));
+  ThreadSlot(const ThreadSlot&) = delete;
+  ThreadSlot& operator=(const ThreadSlot&) = delete;
+  void* get() const;
+  void set(void* value);
+
+ private:
+  unsigned long key_;
+};
+
+// One T per thread, made on the thread's first get() and destroyed when the
+// thread ends. Use it, not thread_local, for anything with a destructor:
+// MinGW frees a thread's thread_local storage before running the destructors
+// of what lives there. Define instances as statics; they are never destroyed.
+template <typename T>
+class ThreadLocal {
+ public:
+  ThreadLocal() : slot_([](void* value) { delete static_cast<T*>(value); }) {}
+  T& get() {
+    auto* value = static_cast<T*>(slot_.get());
+    if (value == nullptr) {
+      value = new T();
+      slot_.set(value);
+    }
+    return *value;
+  }
+
+ private:
+  ThreadSlot slot_;
+};
 
 // Number of processors the system reports (at least 1).
 int ProcessorCount();

@@ -1,4 +1,5 @@
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -7,6 +8,15 @@
 #include "port/port.h"
 
 namespace {
+
+std::atomic<int> g_tracked{0};
+
+// Counts its instances; its destructor reads its own state, as a vector's does.
+struct Tracked {
+  Tracked() { ++g_tracked; }
+  ~Tracked() { --g_tracked; }
+  std::vector<std::shared_ptr<int>> owned;
+};
 
 TEST(SemaphoreTest, ReleaseBeyondMaximumFailsAndKeepsCount) {
   port::Semaphore sem(0, 1024);
@@ -58,6 +68,30 @@ TEST(PortTest, ThreadRunsAndJoins) {
   port::JoinThread(t);
   EXPECT_EQ(ran.load(), 7);
   EXPECT_GE(port::ProcessorCount(), 1);
+}
+
+TEST(PortTest, ThreadLocalGivesEachThreadItsOwnObjectUntilTheThreadEnds) {
+  static port::ThreadLocal<Tracked> local;
+  Tracked& mine = local.get();
+  EXPECT_EQ(&local.get(), &mine);
+  auto shared = std::make_shared<int>(7);
+  for (int round = 0; round < 20; ++round) {
+    std::vector<std::thread> threads;
+    std::vector<Tracked*> seen(4, nullptr);
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&, i] {
+        Tracked& own = local.get();
+        if (&local.get() == &own) seen[i] = &own;
+        own.owned.push_back(shared);
+      });
+    }
+    for (auto& t : threads) t.join();
+    for (Tracked* t : seen) EXPECT_TRUE(t != nullptr && t != &mine);
+    // The workers' objects went with their threads, and with them their references.
+    EXPECT_EQ(g_tracked.load(), 1);
+    EXPECT_EQ(shared.use_count(), 1);
+  }
+  EXPECT_TRUE(mine.owned.empty());
 }
 
 }  // namespace

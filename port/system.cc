@@ -11,6 +11,7 @@
 #include <windows.h>
 #else
 #include <iconv.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #endif
@@ -48,6 +49,23 @@ int ProcessorCount() {
 void SleepMs(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
+
+#if defined(_WIN32)
+// A fiber-local slot's callback also runs when a thread ends, and the value
+// lives outside the thread_local storage that MinGW frees first. x64 has one
+// calling convention, so dtor serves as the callback as it is.
+ThreadSlot::ThreadSlot(void (*dtor)(void*)) : key_(FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(dtor))) {}
+void* ThreadSlot::get() const { return FlsGetValue(key_); }
+void ThreadSlot::set(void* value) { FlsSetValue(key_, value); }
+#else
+ThreadSlot::ThreadSlot(void (*dtor)(void*)) {
+  pthread_key_t key;
+  pthread_key_create(&key, dtor);
+  key_ = key;
+}
+void* ThreadSlot::get() const { return pthread_getspecific(static_cast<pthread_key_t>(key_)); }
+void ThreadSlot::set(void* value) { pthread_setspecific(static_cast<pthread_key_t>(key_), value); }
+#endif
 
 unsigned long CurrentThreadId() {
 #if defined(_WIN32)

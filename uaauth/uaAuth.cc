@@ -11,7 +11,8 @@
 #include "port/port.h"
 
 int32_t SymDecryptFile(const char* path, char** buffer, int32_t* length) {
-  thread_local std::string text;
+  static port::ThreadLocal<std::string> texts;
+  std::string& text = texts.get();
   if (path == nullptr || buffer == nullptr || length == nullptr) return kSymOpenFailed;
   if (!port::FileExists(path)) return kSymNotExist;
   std::error_code ec;
