@@ -8,6 +8,8 @@
 #include <typeinfo>
 #include <vector>
 
+#include "port/port.h"
+
 namespace tavr {
 
 namespace {
@@ -15,18 +17,31 @@ namespace {
 thread_local int t_batch_depth = 0;
 // Appenders holding lines of this thread's open batch; the shared pointers
 // keep them alive across a reconfiguration.
-thread_local std::vector<log4cplus::SharedAppenderPtr> t_dirty;
+std::vector<log4cplus::SharedAppenderPtr>& Dirty() {
+  static port::ThreadLocal<std::vector<log4cplus::SharedAppenderPtr>> dirty;
+  return dirty.get();
+}
+
+// Bytes a text-mode stream adds to line on its way to the file (a CR per LF
+// on Windows), so that size_ stays the size log4cplus would measure.
+long TextModeExtra(const log4cplus::tstring& line, bool text_mode) {
+  if (port::kTextNewlineBytes == 1 || !text_mode) return 0;
+  return static_cast<long>(std::count(line.begin(), line.end(), LOG4CPLUS_TEXT('\n'))) *
+         (port::kTextNewlineBytes - 1);
+}
 
 }  // namespace
 
 SizedRollingFileAppender::FlushBatch::FlushBatch() { ++t_batch_depth; }
 
 SizedRollingFileAppender::FlushBatch::~FlushBatch() {
-  if (--t_batch_depth != 0 || t_dirty.empty()) return;
-  for (const log4cplus::SharedAppenderPtr& appender : t_dirty) {
+  if (--t_batch_depth != 0) return;
+  std::vector<log4cplus::SharedAppenderPtr>& dirty = Dirty();
+  if (dirty.empty()) return;
+  for (const log4cplus::SharedAppenderPtr& appender : dirty) {
     static_cast<SizedRollingFileAppender*>(appender.get())->FlushPending();
   }
-  t_dirty.clear();
+  dirty.clear();
 }
 
 void SizedRollingFileAppender::FlushPending() {
@@ -39,6 +54,7 @@ SizedRollingFileAppender::SizedRollingFileAppender(const log4cplus::helpers::Pro
   std::error_code error;
   auto bytes = std::filesystem::file_size(std::filesystem::path(filename), error);
   size_ = error ? 0 : static_cast<long>(bytes);
+  text_mode_ = (fileOpenMode & std::ios_base::binary) == 0;
 }
 
 void SizedRollingFileAppender::append(const log4cplus::spi::InternalLoggingEvent& event) {
@@ -50,6 +66,7 @@ void SizedRollingFileAppender::append(const log4cplus::spi::InternalLoggingEvent
   if (size_ > maxFileSize) {
     rollover(true);
     size_ = 0;
+    text_mode_ = true;
   }
   const log4cplus::tstring& line = formatEvent(event);
   out.write(line.data(), static_cast<std::streamsize>(line.size()));
@@ -58,13 +75,15 @@ void SizedRollingFileAppender::append(const log4cplus::spi::InternalLoggingEvent
       out.flush();
     } else {
       log4cplus::SharedAppenderPtr self(this);
-      if (std::find(t_dirty.begin(), t_dirty.end(), self) == t_dirty.end()) t_dirty.push_back(self);
+      std::vector<log4cplus::SharedAppenderPtr>& dirty = Dirty();
+      if (std::find(dirty.begin(), dirty.end(), self) == dirty.end()) dirty.push_back(self);
     }
   }
-  size_ += static_cast<long>(line.size());
+  size_ += static_cast<long>(line.size()) + TextModeExtra(line, text_mode_);
   if (size_ > maxFileSize) {
     rollover(true);
     size_ = 0;
+    text_mode_ = true;
   }
 }
 

@@ -33,6 +33,9 @@ class SizedRollingFileAppender : public log4cplus::RollingFileAppender {
 
  private:
   long size_ = 0;  // bytes in the current file
+  // Whether the stream writes '\n' as the platform's text line end. A rolled
+  // file is always reopened in text mode, whatever TextMode says.
+  bool text_mode_ = true;
 };
 
 // Replaces each plain RollingFileAppender of logger (as configured from the
