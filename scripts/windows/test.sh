@@ -93,6 +93,11 @@ conditionals=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc'
   ':!port/' ':!include/kelquote/export.h' |
   xargs -r grep -snE '^[[:space:]]*#[[:space:]]*(if|ifdef|ifndef|elif).*\b(_WIN32|_WIN64|WIN32|__MINGW32__|__MINGW64__|_MSC_VER|__linux__|__unix__|__APPLE__|__CYGWIN__)\b' || true)
 [ -z "$conditionals" ] || problem "platform conditionals outside port/:"$'\n'"$conditionals"
+# MinGW frees a thread's thread_local storage before running the destructors
+# of the objects there; such objects belong in port::ThreadLocal.
+tls=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc' '*.cpp' '*.hpp' ':!port/' |
+  xargs -r grep -snE '\bthread_local\b[^;]*\bstd::' || true)
+[ -z "$tls" ] || problem "thread_local objects with destructors (use port::ThreadLocal):"$'\n'"$tls"
 [ "$fail" -eq 0 ] || exit 1
 
 # --- the suite under Wine ------------------------------------------------------
@@ -113,9 +118,9 @@ wineboot -i >/dev/null 2>&1
 (cd "$build" && ctest -j "$jobs" --output-on-failure "$@")
 
 # --- the demo host ----------------------------------------------------------------
-# The suite links the library statically; this is the path a terminal takes:
-# an executable importing kelquote.dll, which loads DataApi.dll and uaAuth.dll
-# from its own folder, reads ./dravikcfg.dat and writes .\ini\ and ../userdata/log/.
+# The path a terminal takes, end to end: an executable importing kelquote.dll,
+# which loads DataApi.dll and uaAuth.dll from the executable's folder, reads
+# ./dravikcfg.dat and writes .\ini\ and ../userdata/log/.
 echo "== win64: demo host (Wine)"
 demo_dir=$build/demo-run
 demo() {
@@ -129,9 +134,10 @@ demo() {
   return "$status"
 }
 if demo --outage; then
-  [ "$(wc -c <"$demo_dir/run/ini/KELQuoteLog.config")" -eq 611 ] ||
+  config=$demo_dir/run/ini/KELQuoteLog.config
+  [ -f "$config" ] && [ "$(wc -c <"$config")" -eq 611 ] ||
     problem "the demo host did not get the default log configuration"
-  grep -q "Logs init" "$demo_dir/userdata/log/DravikData.log" ||
+  [ -s "$demo_dir/userdata/log/DravikData.log" ] ||
     problem "the demo host wrote no ../userdata/log/DravikData.log"
 else
   problem "kelquote_demo.exe --outage failed"
