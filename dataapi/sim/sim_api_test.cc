@@ -1,63 +1,14 @@
 // The simulated service as a host sees it: through GetApiInstance and the
 // control functions that the DataApi library exports.
 #include <algorithm>
-#include <cstring>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "dataapi/DataApi.h"
-#include "dataapi/sim/copy_rules_test.h"
-#include "dataapi/sim/sim_control.h"
+#include "dataapi/sim/sim_host_test.h"
 #include "dataapi/sim/universe.h"
 
 namespace sim {
 namespace {
-
-// Copies each record as the library's adapter does, and notes the thread.
-class Recorder final : public CDataApiCallBack {
- public:
-  struct Record {
-    std::string kind;
-    std::thread::id thread;
-    std::vector<uint8_t> bytes;
-  };
-
-  int OnMarketInit(const void* r) override { return Keep("init", r, kInitRule); }
-  int OnMarketOtherBase(const void* r) override { return Keep("other base", r, kOtherBaseRule); }
-  int OnRespRefInfo(const void* r) override { return Keep("reference", r, kRefInfoRule); }
-  int OnRespHolidayInfo(const void* r) override { return Keep("holidays", r, kHolidayRule); }
-  int OnMarketStatus(const void* r) override { return Keep("status", r, kStatusRule); }
-  int OnRespSharedFields(const void* r) override { return Keep("shared fields", r, kSharedFieldsRule); }
-  int OnRespNewIssueList(const void* r) override { return Keep("new issues", r, kNewIssueRule); }
-  int OnRespHKRateData(const void* r) override { return Keep("rates", r, kHKRateRule); }
-  int OnRespLatestShareData(const void* r) override { return Keep("share capital", r, kLatestShareRule); }
-
-  std::vector<Record> take() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return std::move(records_);
-  }
-
- private:
-  int Keep(const char* kind, const void* record, const CopyRule& rule) {
-    std::lock_guard<std::mutex> lock(mu_);
-    records_.push_back({kind, std::this_thread::get_id(), CopyLikeTheAdapter(record, rule)});
-    return 0;
-  }
-
-  std::mutex mu_;
-  std::vector<Record> records_;
-};
-
-template <typename T>
-T Read(const std::vector<uint8_t>& bytes, size_t offset = 0) {
-  T value;
-  std::memcpy(&value, bytes.data() + offset, sizeof(value));
-  return value;
-}
 
 std::vector<std::string> Codes(const std::vector<uint8_t>& init) {
   auto head = Read<ApiMarketInitHead>(init);
@@ -68,28 +19,8 @@ std::vector<std::string> Codes(const std::vector<uint8_t>& init) {
   return codes;
 }
 
-class SimApiTest : public ::testing::Test {
+class SimApiTest : public SimHostTest {
  protected:
-  SimApiTest() : api_(GetApiInstance()) {
-    ServerLoginConfig login{};
-    std::strcpy(login.servers[0].host, "127.0.0.1");
-    std::strcpy(login.servers[0].port, "7709");
-    servers_[0] = login;
-    api_->RegisterServer(&servers_, &recorder_);
-  }
-  ~SimApiTest() override {
-    api_->Release();
-    api_->RegisterServer(nullptr, nullptr);
-  }
-
-  void Connect() {
-    ConnectResult result{};
-    ASSERT_EQ(api_->Connect(&result), 0);
-  }
-  std::vector<Recorder::Record> Settle() {
-    EXPECT_EQ(SimWaitIdle(10000), 1);
-    return recorder_.take();
-  }
   std::vector<uint8_t> InitOf(int market_id) {
     EXPECT_EQ(api_->ReqMarketInit(market_id), 0);
     auto records = Settle();
@@ -97,9 +28,6 @@ class SimApiTest : public ::testing::Test {
     return records.empty() ? std::vector<uint8_t>() : records[0].bytes;
   }
 
-  CDataApi* api_;
-  ServerTable servers_;
-  Recorder recorder_;
 };
 
 TEST_F(SimApiTest, RequestsWhileNotConnectedAnswerNothing) {

@@ -6,76 +6,15 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "dataapi/DataApi.h"
-#include "dataapi/sim/copy_rules_test.h"
-#include "dataapi/sim/sim_control.h"
+#include "dataapi/sim/sim_host_test.h"
 #include "dataapi/sim/universe.h"
 
 namespace sim {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-class Recorder final : public CDataApiCallBack {
- public:
-  struct Record {
-    std::string kind;
-    std::thread::id thread;
-    Clock::time_point at;
-    std::vector<uint8_t> bytes;
-  };
-
-  int OnMarketInit(const void* r) override { return Keep("init", CopyLikeTheAdapter(r, kInitRule)); }
-  int OnRespRefInfo(const void* r) override { return Keep("reference", CopyLikeTheAdapter(r, kRefInfoRule)); }
-  int OnTickL1(const void* r) override {
-    if (on_tick_) on_tick_();
-    return Keep("l1", CopyLikeTheAdapter(r, kTickL1Rule));
-  }
-  int OnRespMarketPushData(const void* r) override { return Keep("push", CopyLikeTheAdapter(r, kMarketPushRule)); }
-  int OnTickL2(const void* r) override { return Keep("l2 tick", CopyLevel2LikeTheAdapter(r, kL2SnapshotElem)); }
-  int OnIndexL2(const void* r) override { return Keep("l2 index", CopyLevel2LikeTheAdapter(r, kL2IndexElem)); }
-  int OnTransL2(const void* r) override { return Keep("l2 trans", CopyLevel2LikeTheAdapter(r, kL2TransactionElem)); }
-  int OnOrderL2(const void* r) override { return Keep("l2 order", CopyLevel2LikeTheAdapter(r, kL2OrderElem)); }
-  int OnOrderQueueL2(const void* r) override { return Keep("l2 queue", CopyLevel2LikeTheAdapter(r, kL2QueueElem)); }
-
-  std::vector<Record> take() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return std::move(records_);
-  }
-  size_t count(const std::string& kind) {
-    std::lock_guard<std::mutex> lock(mu_);
-    size_t n = 0;
-    for (const Record& r : records_) n += r.kind == kind ? 1 : 0;
-    return n;
-  }
-  // Runs on the callback thread before a level-1 snapshot is kept.
-  void on_tick(std::function<void()> fn) { on_tick_ = std::move(fn); }
-
- private:
-  int Keep(const char* kind, std::vector<uint8_t> bytes) {
-    std::lock_guard<std::mutex> lock(mu_);
-    records_.push_back({kind, std::this_thread::get_id(), Clock::now(), std::move(bytes)});
-    return 0;
-  }
-
-  std::mutex mu_;
-  std::vector<Record> records_;
-  std::function<void()> on_tick_;
-};
-
-template <typename T>
-T Read(const std::vector<uint8_t>& bytes, size_t offset = 0) {
-  T value;
-  std::memcpy(&value, bytes.data() + offset, sizeof(value));
-  return value;
-}
 
 ApiCodeItem Item(const char* code, uint8_t market) {
   ApiCodeItem item{};
@@ -102,23 +41,15 @@ int64_t Units(float price, const Info& info) {
   return std::fabs(units - static_cast<double>(rounded)) < 0.2 && rounded % info.tick == 0 ? rounded : -1;
 }
 
-class StreamsTest : public ::testing::Test {
+class StreamsTest : public SimHostTest {
  protected:
-  StreamsTest() : api_(GetApiInstance()) {
-    ServerLoginConfig login{};
-    std::strcpy(login.servers[0].host, "127.0.0.1");
-    std::strcpy(login.servers[0].port, "7709");
-    servers_[0] = login;
-    api_->RegisterServer(&servers_, &recorder_);
+  StreamsTest() {
     SimSetTimeOfDay(100000);
     SimSetStreamInterval(20);
     SimSetPushInterval(100);
-    ConnectResult result{};
-    EXPECT_EQ(api_->Connect(&result), 0);
+    Connect();
   }
   ~StreamsTest() override {
-    api_->Release();
-    api_->RegisterServer(nullptr, nullptr);
     SimSetTimeOfDay(-1);
     SimSetStreamInterval(500);
     SimSetPushInterval(1000);
@@ -132,14 +63,12 @@ class StreamsTest : public ::testing::Test {
     }
     return true;
   }
-  void Settle() { EXPECT_EQ(SimWaitIdle(10000), 1); }
 
   // The market's instruments, in the order of its initialisation data.
   std::vector<std::pair<std::string, Info>> Infos(int market) {
     EXPECT_EQ(api_->ReqMarketInit(market), 0);
     EXPECT_EQ(api_->ReqRefInfo(market), 0);
-    Settle();
-    auto records = recorder_.take();
+    auto records = Settle();
     std::vector<std::pair<std::string, Info>> infos;
     if (records.size() != 2) return infos;
     auto head = Read<ApiMarketInitHead>(records[0].bytes);
@@ -174,9 +103,6 @@ class StreamsTest : public ::testing::Test {
     return ticks;
   }
 
-  CDataApi* api_;
-  ServerTable servers_;
-  Recorder recorder_;
 };
 
 TEST_F(StreamsTest, LevelOneSnapshotsArriveOnTheServicesThreadAndMoveOn) {
@@ -185,8 +111,7 @@ TEST_F(StreamsTest, LevelOneSnapshotsArriveOnTheServicesThreadAndMoveOn) {
   ASSERT_EQ(api_->SubscribeL1(items, 2), 0);
   ASSERT_TRUE(WaitFor([&] { return recorder_.count("l1") >= 16; }));
   ASSERT_EQ(api_->UnsubscribeL1(items, 2), 0);
-  Settle();
-  auto records = recorder_.take();
+  auto records = Settle();
   for (const auto& r : records) {
     EXPECT_NE(r.thread, std::this_thread::get_id());
     EXPECT_EQ(r.thread, records[0].thread);
@@ -238,9 +163,8 @@ TEST_F(StreamsTest, AnInstrumentHasOneStreamThatOneCancelStops) {
   std::this_thread::sleep_for(std::chrono::milliseconds(400));
   ASSERT_EQ(api_->UnsubscribeL1(&moutai, 1), 0);
   auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  Settle();
   // One stream at 20 ms, not two.
-  size_t sent = Ticks(recorder_.take(), "600519").size();
+  size_t sent = Ticks(Settle(), "600519").size();
   EXPECT_GE(sent, 3u);
   EXPECT_LE(sent, static_cast<size_t>(elapsed / 20 * 13 / 10 + 2));
 
@@ -327,8 +251,7 @@ TEST_F(StreamsTest, AMarketPackageHoldsEveryInstrumentOfTheMarket) {
   ApiMarketItem cancel{};  // the library names the market in the second field only
   cancel.market = kSH;
   ASSERT_EQ(api_->UnsubscribeMarketPush(&cancel), 0);
-  Settle();
-  auto packages = recorder_.take();
+  auto packages = Settle();
   ASSERT_GE(packages.size(), 2u);
   std::vector<float> volumes;
   for (const auto& package : packages) {
@@ -361,7 +284,6 @@ TEST_F(StreamsTest, FuturesAndHongKongSharesCarryTheirBoardKinds) {
   ASSERT_TRUE(WaitFor([&] { return recorder_.count("l1") >= 6; }));
   SimSetTimeOfDay(101600);  // the morning break
   Settle();
-  recorder_.take();
   ASSERT_TRUE(WaitFor([&] { return recorder_.count("l1") >= 2; }));
   auto records = recorder_.take();
   auto future = Ticks(records, contract);
@@ -381,50 +303,6 @@ TEST_F(StreamsTest, FuturesAndHongKongSharesCarryTheirBoardKinds) {
   EXPECT_GT(open_interest, 0.0f);
 }
 
-TEST_F(StreamsTest, StarSharesTradeAfterHoursAtTheirClose) {
-  SimSetTimeOfDay(150800);
-  ApiCodeItem items[] = {Item("688981", kSH), Item("600519", kSH)};
-  ASSERT_EQ(api_->SubscribeL1(items, 2), 0);
-  ASSERT_TRUE(WaitFor([&] { return recorder_.count("l1") >= 40; }));
-  ASSERT_EQ(api_->UnsubscribeL1(items, 2), 0);
-  Settle();
-  auto records = recorder_.take();
-  EXPECT_EQ(+Ticks(records, "600519").at(0).board_kind, 0u);
-  auto star = Ticks(records, "688981");
-  ASSERT_GE(star.size(), 10u);
-  float close = star[0].last;
-  for (size_t i = 0; i < star.size(); ++i) {
-    const ApiL1Tick& t = star[i];
-    ASSERT_EQ(+t.board_kind, 8u);
-    EXPECT_GE(+t.after_hours_time, 150800u);
-    EXPECT_LT(+t.after_hours_time, 150900u);
-    float price;
-    uint32_t trades;
-    int32_t volume;
-    std::memcpy(&price, t.board_value1, 4);
-    std::memcpy(&trades, t.board_value2, 4);
-    std::memcpy(&volume, t.board_value3, 4);
-    EXPECT_EQ(price, close);
-    EXPECT_EQ(+t.last, close);  // continuous trading is over
-    EXPECT_EQ(+t.volume, +star[0].volume);
-    double expected = static_cast<double>(volume) * close;
-    EXPECT_NEAR(+t.after_hours_turnover, expected, expected * 1e-5 + 1);
-    EXPECT_EQ(+t.after_hours_bid_volume % 100, 0);
-    EXPECT_GE(+t.after_hours_ask_volume, 0);
-    if (i == 0) continue;
-    int32_t before_volume;
-    uint32_t before_trades;
-    std::memcpy(&before_trades, star[i - 1].board_value2, 4);
-    std::memcpy(&before_volume, star[i - 1].board_value3, 4);
-    EXPECT_GE(trades, before_trades);
-    EXPECT_GE(volume, before_volume);
-  }
-  int32_t first, last;
-  std::memcpy(&first, star.front().board_value3, 4);
-  std::memcpy(&last, star.back().board_value3, 4);
-  EXPECT_GT(last, first);
-}
-
 TEST_F(StreamsTest, LevelTwoMessagesComeInOrderAndAgree) {
   Info info = InfoOf(kSH, "600519");
   const int64_t tick = info.tick * 100;  // ten-thousandths
@@ -432,13 +310,13 @@ TEST_F(StreamsTest, LevelTwoMessagesComeInOrderAndAgree) {
   ASSERT_EQ(api_->SubscribeL2(items, 2), 0);
   ASSERT_TRUE(WaitFor([&] { return recorder_.count("l2 tick") >= 5 && recorder_.count("l2 index") >= 5; }));
   ASSERT_EQ(api_->UnsubscribeL2(items, 2), 0);
-  Settle();
+  auto records = Settle();
   ApiL2Snapshot snap{};
   int64_t before = -1;  // the previous snapshot's volume
   // Each send: a snapshot, its trades, new orders, the best prices' queues.
   const char* const order[] = {"l2 tick", "l2 trans", "l2 order", "l2 queue"};
   int next = 0;
-  for (const auto& r : recorder_.take()) {
+  for (const auto& r : records) {
     auto head = Read<ApiL2Head>(r.bytes);
     ASSERT_GT(+head.count, 0);
     if (r.kind == "l2 index") {  // an index has its snapshot only
