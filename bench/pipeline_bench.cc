@@ -2,7 +2,6 @@
 // thread -> queue -> service threads -> host callback.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -117,11 +116,7 @@ void BM_L2Transactions(benchmark::State& state) {
   std::vector<ApiL2Transaction> trades(static_cast<size_t>(per_message));
   for (int i = 0; i < per_message; ++i) {
     ApiL2Transaction& t = trades[i];
-    std::memset(&t, 0, sizeof(t));
-    t.market_id = 2;
-    testkit::set_text(t.code, "600000");
-    t.date = 20240102;
-    t.time = 93000000 + i;
+    t = testkit::level2_record<ApiL2Transaction>(2, "600000", 20240102, 93000000 + i);
     t.price = 105500;
     t.volume = 100;
     t.amount = 10550000;

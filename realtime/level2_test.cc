@@ -13,12 +13,7 @@ class Level2Test : public ::testing::Test {
   Level2Test() { fx_.init_market(2, {testkit::code_init("600000", "浦发银行", 2, 100)}, 10, 2); }
 
   ApiL2Snapshot Snapshot(int64_t last) {
-    ApiL2Snapshot s;
-    std::memset(&s, 0, sizeof(s));
-    s.market_id = 2;
-    testkit::set_text(s.code, "600000");
-    s.date = 20240102;
-    s.time = 100000;
+    auto s = testkit::level2_record<ApiL2Snapshot>(2, "600000", 20240102, 100000);
     s.last = last;
     s.high = last + 10000;
     s.open = s.low = s.pre_close = last;
@@ -34,12 +29,7 @@ class Level2Test : public ::testing::Test {
     return s;
   }
   ApiL2Transaction Trade(int64_t price, int32_t time) {
-    ApiL2Transaction t;
-    std::memset(&t, 0, sizeof(t));
-    t.market_id = 2;
-    testkit::set_text(t.code, "600000");
-    t.date = 20240102;
-    t.time = time;
+    auto t = testkit::level2_record<ApiL2Transaction>(2, "600000", 20240102, time);
     t.price = price;
     t.volume = 300;
     t.amount = price * 300;
@@ -109,22 +99,12 @@ TEST_F(Level2Test, OrdersAndQueuesReachTheirOwnDataTypes) {
   int orders = fx_.subscribe("SH", "600000", 1802);
   int queues = fx_.subscribe("SH", "600000", 1804);
   fx_.subscribe("SH", "600000", 1803);
-  ApiL2Order order;
-  std::memset(&order, 0, sizeof(order));
-  order.market_id = 2;
-  testkit::set_text(order.code, "600000");
-  order.date = 20240102;
-  order.time = 93000500;
+  auto order = testkit::level2_record<ApiL2Order>(2, "600000", 20240102, 93000500);
   order.number1 = -7;
   order.price = 99999;
   order.volume = 100;
   fx_.deliver(9, testkit::level2(std::vector<ApiL2Order>{order}));
-  ApiL2OrderQueue queue;
-  std::memset(&queue, 0, sizeof(queue));
-  queue.market_id = 2;
-  testkit::set_text(queue.code, "600000");
-  queue.date = 20240102;
-  queue.time = 93000500;
+  auto queue = testkit::level2_record<ApiL2OrderQueue>(2, "600000", 20240102, 93000500);
   queue.side = 1;
   queue.price = 100000;
   queue.volume = 5000;

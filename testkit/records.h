@@ -93,6 +93,18 @@ std::vector<uint8_t> bytes_of(const T& record) {
   return bytes;
 }
 
+// A zeroed level-2 record of code on market_id at date and time.
+template <typename Record>
+Record level2_record(uint8_t market_id, const char* code, int32_t date, int32_t time) {
+  Record r;
+  std::memset(&r, 0, sizeof(r));
+  r.market_id = market_id;
+  set_text(r.code, code);
+  r.date = date;
+  r.time = time;
+  return r;
+}
+
 // A level-2 message of the given records.
 template <typename Record>
 std::vector<uint8_t> level2(const std::vector<Record>& records) {

@@ -330,9 +330,8 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
   const int64_t factor = TenThousandthsPerUnit(item.price_digits);
   const int32_t hhmmssmmm = now.hhmmss * 1000 + now.millis;
   Level2Messages out;
-
-  if (IsIndex(item)) {
-    auto r = Zeroed<ApiL2Index>();
+  // The fields an index and a snapshot share, in ten-thousandths.
+  auto put_prices = [&](auto& r) {
     PutHead(r, market, item);
     r.time = now.hhmmss;
     r.high = s.high * factor;
@@ -340,6 +339,11 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
     r.low = s.low * factor;
     r.last = s.last * factor;
     r.pre_close = item.pre_close_units * factor;
+  };
+
+  if (IsIndex(item)) {
+    auto r = Zeroed<ApiL2Index>();
+    put_prices(r);
     r.volume = static_cast<int64_t>(s.volume);
     r.turnover = std::llround(s.turnover);
     out.index = true;
@@ -349,13 +353,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
 
   Book book = DepthOf(item, s, 10);
   auto snap = Zeroed<ApiL2Snapshot>();
-  PutHead(snap, market, item);
-  snap.time = now.hhmmss;
-  snap.high = s.high * factor;
-  snap.open = s.open * factor;
-  snap.low = s.low * factor;
-  snap.last = s.last * factor;
-  snap.pre_close = item.pre_close_units * factor;
+  put_prices(snap);
   for (int i = 0; i < 10; ++i) {
     snap.ask_price[i] = book.ask_price[i] * factor;
     snap.ask_volume[i] = book.ask_volume[i];

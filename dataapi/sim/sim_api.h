@@ -150,8 +150,8 @@ class SimDataApi final : public CDataApi {
     std::vector<uint8_t> bytes;
     std::shared_ptr<std::atomic<bool>> live;
   };
-  int subscribe(StreamKind kind, const ApiCodeItem* items, int32_t count);
-  int unsubscribe(StreamKind kind, const ApiCodeItem* items, int32_t count);
+  // Starts or stops one stream per item; one unknown name refuses them all.
+  int change_streams(StreamKind kind, const ApiCodeItem* items, int32_t count, bool start);
   // Callers hold mu_.
   void start_stream(StreamKey key);
   void stop_stream(const StreamKey& key);

@@ -21,22 +21,22 @@ std::string CodeOf(const ApiCodeItem& item) { return std::string(item.code, strn
 }  // namespace
 
 int SimDataApi::SubscribeL1(const ApiCodeItem* items, int32_t count) {
-  return subscribe(StreamKind::kLevel1, items, count);
+  return change_streams(StreamKind::kLevel1, items, count, true);
 }
 
 int SimDataApi::UnsubscribeL1(const ApiCodeItem* items, int32_t count) {
-  return unsubscribe(StreamKind::kLevel1, items, count);
+  return change_streams(StreamKind::kLevel1, items, count, false);
 }
 
 int SimDataApi::SubscribeL2(const ApiCodeItem* items, int32_t count) {
-  return subscribe(StreamKind::kLevel2, items, count);
+  return change_streams(StreamKind::kLevel2, items, count, true);
 }
 
 int SimDataApi::UnsubscribeL2(const ApiCodeItem* items, int32_t count) {
-  return unsubscribe(StreamKind::kLevel2, items, count);
+  return change_streams(StreamKind::kLevel2, items, count, false);
 }
 
-int SimDataApi::subscribe(StreamKind kind, const ApiCodeItem* items, int32_t count) {
+int SimDataApi::change_streams(StreamKind kind, const ApiCodeItem* items, int32_t count, bool start) {
   if (items == nullptr || count <= 0) return -1;
   std::vector<ApiCodeItem> copies(static_cast<size_t>(count));
   std::memcpy(copies.data(), items, copies.size() * sizeof(ApiCodeItem));
@@ -48,26 +48,13 @@ int SimDataApi::subscribe(StreamKind kind, const ApiCodeItem* items, int32_t cou
     std::string code = CodeOf(item);
     if (market == nullptr || find_instrument(*market, code) < 0) return -1;
     keys.push_back(StreamKey{kind, market->id, std::move(code)});
+  }
+  if (!start) {
+    for (const StreamKey& key : keys) stop_stream(key);
+    return 0;
   }
   for (StreamKey& key : keys) start_stream(std::move(key));
   schedule();
-  return 0;
-}
-
-int SimDataApi::unsubscribe(StreamKind kind, const ApiCodeItem* items, int32_t count) {
-  if (items == nullptr || count <= 0) return -1;
-  std::vector<ApiCodeItem> copies(static_cast<size_t>(count));
-  std::memcpy(copies.data(), items, copies.size() * sizeof(ApiCodeItem));
-  std::lock_guard<std::mutex> lock(mu_);
-  if (!serving()) return -1;
-  std::vector<StreamKey> keys;
-  for (const ApiCodeItem& item : copies) {
-    const Market* market = universe().market(item.market);
-    std::string code = CodeOf(item);
-    if (market == nullptr || find_instrument(*market, code) < 0) return -1;
-    keys.push_back(StreamKey{kind, market->id, std::move(code)});
-  }
-  for (const StreamKey& key : keys) stop_stream(key);
   return 0;
 }
 
