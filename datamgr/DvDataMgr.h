@@ -40,12 +40,16 @@ struct DataMsg {
   size_t size = 0;
   uint32_t key = 0;  // ordering key: messages of one key are handled in order, by one thread
   uint64_t seq = 0;  // arrival number, set by the queue
+  // Payload room of a block the queue recycles; 0 when data and envelope
+  // were allocated apart (malloc and new).
+  uint32_t room = 0;
 };
 
 // The failure value of 16-bit request ids (read as -1 by the client).
 constexpr uint16_t kRequestFailed = 0xFFFF;
 
-// Frees the payload (with free) and then the envelope.
+// Frees the payload (with free) and then the envelope, or the recycled
+// block that holds both.
 void free_msg(DataMsg* msg);
 
 // Service threads for a machine with the given processor count: 2 to 20.
@@ -75,6 +79,9 @@ class DvDataMgr {
 
   // Appends a message to the queue; ownership passes to the queue. Any thread.
   void push_msg(DataMsg* msg);
+  // A message with room for size payload bytes, to fill and push; null when
+  // memory is out. Any thread.
+  DataMsg* alloc_msg(size_t size) { return queue_.alloc(size); }
 
   // Thread bodies; the argument is the data manager.
   static unsigned DataServiceThread(void* mgr);
@@ -199,7 +206,7 @@ class DvDataMgr {
  private:
   void service_loop(int shard);
   void timer_loop();
-  void handle_msg(DataMsg* msg);
+  void handle_msg(int shard, DataMsg* msg);
   void end_service_threads();
   void seed_markets();
 

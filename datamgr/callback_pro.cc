@@ -149,18 +149,15 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
                      static_cast<long long>(CountOf(rule, record)));
     return -1;
   }
-  void* block = std::malloc(size + rule.spare);
-  DataMsg* msg = block != nullptr ? new (std::nothrow) DataMsg : nullptr;
+  DataMsg* msg = mgr_->alloc_msg(size + rule.spare);
   if (msg == nullptr) {
-    std::free(block);
     CMyLog::PrintLog(LOG_ERROR, rule.name, "分配地址空间出错...");
     return -1;
   }
-  std::memcpy(block, record, size);
+  std::memcpy(msg->data, record, size);
   msg->msg_type = rule.msg_type;
-  msg->data = block;
   msg->size = size;
-  msg->key = ordering_key(rule.key, block, size);
+  msg->key = ordering_key(rule.key, msg->data, size);
   mgr_->push_msg(msg);
   return 0;
 }

@@ -10,12 +10,6 @@
 
 namespace tavr {
 
-void free_msg(DataMsg* msg) {
-  if (msg == nullptr) return;
-  std::free(msg->data);
-  delete msg;
-}
-
 int service_thread_count(int processors) { return std::clamp(processors, 2, 20); }
 
 namespace {
@@ -153,7 +147,7 @@ void DvDataMgr::push_msg(DataMsg* msg) {
 
 size_t DvDataMgr::queue_size() const { return queue_.size(); }
 
-void DvDataMgr::handle_msg(DataMsg* msg) {
+void DvDataMgr::handle_msg(int shard, DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
                    "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
   try {
@@ -165,7 +159,7 @@ void DvDataMgr::handle_msg(DataMsg* msg) {
     CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",
                      "数据服务线程, do bussiness catch Exception!!!...");
   }
-  free_msg(msg);
+  queue_.recycle(shard, msg);
   if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1 && idle_waiters_.load() > 0) {
     std::lock_guard<std::mutex> lock(idle_mu_);
     idle_cv_.notify_all();
@@ -195,7 +189,7 @@ void DvDataMgr::service_loop(int shard) {
       continue;
     }
     if (msg == nullptr) continue;
-    handle_msg(msg);
+    handle_msg(shard, msg);
   }
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 exit...");
 }

@@ -17,7 +17,9 @@ template <typename Head, typename Item>
 std::vector<uint8_t> reply(const Head& head, const std::vector<Item>& items) {
   std::vector<uint8_t> bytes(sizeof(Head) + items.size() * sizeof(Item));
   std::memcpy(bytes.data(), &head, sizeof(Head));
-  if (!items.empty()) std::memcpy(bytes.data() + sizeof(Head), items.data(), items.size() * sizeof(Item));
+  for (size_t i = 0; i < items.size(); ++i) {
+    std::memcpy(bytes.data() + sizeof(Head) + i * sizeof(Item), &items[i], sizeof(Item));
+  }
   return bytes;
 }
 
