@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -26,6 +27,9 @@ void ShowMarkets(tavr::BaseQuoteClient& client) {
     std::vector<int64_t> days;
     client.getTradeDateList(market, days);
     std::printf("%-5s %6zu  ", market, list.size());
+    // The library keeps a second instrument table for the stock markets'
+    // options only; the connect shares are listed under HGT.
+    if (list.empty() && std::string(market) == "SGT") std::printf("%-34s", "(HK has no second table)");
     for (size_t i = 0; i < list.size() && i < 3; ++i) {
       std::printf("%s%s %s %g %d", i == 0 ? "" : " | ", list[i]->code.c_str(), Utf8(list[i]->name).c_str(),
                   list[i]->priceTick, list[i]->volumeUnit);
