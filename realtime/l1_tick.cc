@@ -82,6 +82,7 @@ void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
   for (auto it = begin; it != end; ++it) {
     const TickSubscription& entry = it->second;
     QuoteRecords records;
+    records.reserve(2);
     if (entry.level == 0) {
       if (entry.data_type == 4002) {
         records.push_back(buy_sell);
