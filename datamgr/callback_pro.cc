@@ -21,7 +21,8 @@ constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, Shape::kHe
 constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
 constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1,
                            CopyRule::Key::kTickL1};
-constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1};
+constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
 constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
 constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
@@ -60,9 +61,11 @@ constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 39, 
 constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 40, Shape::kHeadPlus, 2242, 2200,
                                38, false, false, 1};
 constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 12, Shape::kHeadPlus, 138, 80, 54, false, false,
-                            1};
+                            1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 11, Shape::kHeadPlus, 272, 214, 54, false, false,
-                              1};
+                              1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 5, Shape::kHeadPlus, 255, 249, 2, false,
                                false, 1,
                                CopyRule::Key::kMarket};
@@ -105,6 +108,7 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
   const auto* bytes = static_cast<const uint8_t*>(block);
   switch (kind) {
     case CopyRule::Key::kNone:
+    case CopyRule::Key::kRequest:
       return 0;
     case CopyRule::Key::kTickL1:
       return size >= 37 ? HashKey(bytes[0], bytes + 1, 36) : 0;
@@ -114,6 +118,11 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
       return size >= 44 ? HashKey(ReadAt<uint32_t>(block, 8), bytes + 12, 32) : 0;
   }
   return 0;
+}
+
+uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size) {
+  if (kind != CopyRule::Key::kRequest || size < 2) return 0;
+  return 0x10000u | ReadAt<uint16_t>(block, 0);
 }
 
 size_t copy_size(const CopyRule& rule, const void* record) {
@@ -158,6 +167,7 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   msg->msg_type = rule.msg_type;
   msg->size = size;
   msg->key = ordering_key(rule.key, msg->data, size);
+  msg->strand = strand_of(rule.key, msg->data, size);
   mgr_->push_msg(msg);
   return 0;
 }

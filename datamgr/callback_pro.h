@@ -31,7 +31,8 @@ struct CopyRule {
   bool count_u32;        // unsigned 32-bit count
   size_t spare;          // bytes allocated beyond the copy
   enum class Key : uint8_t {
-    kNone,    // replies: handled in arrival order with each other
+    kNone,     // replies: taken by any service thread
+    kRequest,  // a request's reply blocks (request id at 0): one strand
     kTickL1,  // market byte at 0, code at 1
     kMarket,  // market at 0: whole-market packages of one market in order
     kLevel2,  // the first record's market at 8 and code at 12
@@ -39,9 +40,11 @@ struct CopyRule {
   Key key = Key::kNone;
 };
 
-// The ordering key of a copied record: equal for the records of one
+// The stream key of a copied record: equal for the records of one
 // instrument (or one market's packages), 0 for replies.
 uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size);
+// The strand of a copied reply: one per request id, 0 for none.
+uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size);
 
 // Largest copy the adapter makes. A count implying more is a broken record:
 // no real reply comes near it (a whole market is a few MiB).
