@@ -86,6 +86,11 @@ class DvDataMgr {
   // A message with room for size payload bytes, to fill and push; null when
   // memory is out. Any thread.
   DataMsg* alloc_msg(size_t size) { return queue_.alloc(size); }
+  // Whether the queue has room for a record of size bytes (any thread); the
+  // bytes it holds; its limit (MsgQueue::kDefaultLimit unless set).
+  bool queue_admits(size_t size) const { return queue_.admit(size); }
+  size_t queue_held_bytes() const { return queue_.held_bytes(); }
+  void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
 
   // Thread bodies; the argument is the data manager.
   static unsigned DataServiceThread(void* mgr);

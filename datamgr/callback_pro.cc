@@ -2,6 +2,7 @@
 // record, nothing else on the vendor's thread.
 #include "datamgr/callback_pro.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -158,6 +159,10 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
                      static_cast<long long>(CountOf(rule, record)));
     return -1;
   }
+  if (!mgr_->queue_admits(size + rule.spare)) {
+    Dropped(rule);
+    return -1;
+  }
   DataMsg* msg = mgr_->alloc_msg(size + rule.spare);
   if (msg == nullptr) {
     CMyLog::PrintLog(LOG_ERROR, rule.name, "分配地址空间出错...");
@@ -170,6 +175,19 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   msg->strand = strand_of(rule.key, msg->data, size);
   mgr_->push_msg(msg);
   return 0;
+}
+
+void CMyCallBackPro::Dropped(const CopyRule& rule) {
+  int64_t total = dropped_.fetch_add(1, std::memory_order_relaxed) + 1;
+  int64_t now = static_cast<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now().time_since_epoch())
+                                         .count());
+  int64_t last = drop_logged_at_ms_.load(std::memory_order_relaxed);
+  if (now - last < 1000 || !drop_logged_at_ms_.compare_exchange_strong(last, now)) return;
+  int64_t before = dropped_logged_.exchange(total);
+  CMyLog::PrintLog(LOG_ERROR, rule.name, "Queue full[%zu bytes], %lld callbacks dropped (%lld in all)...",
+                   mgr_->queue_held_bytes(), static_cast<long long>(total - before),
+                   static_cast<long long>(total));
 }
 
 int CMyCallBackPro::OnMarketInit(const void* r) { return Queue(kMarketInit, r); }

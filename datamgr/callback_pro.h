@@ -5,6 +5,7 @@
 #define KELQUOTE_DATAMGR_CALLBACK_PRO_H_
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 
 #include "dataapi/DataApi.h"
@@ -100,8 +101,14 @@ class CMyCallBackPro : public CDataApiCallBack {
   // Copies record under rule into a new message and queues it: 0, or -1 when
   // nothing was queued.
   int Queue(const CopyRule& rule, const void* record);
+  // Counts a record the full queue refused, and says so at most once a
+  // second while refusals last.
+  void Dropped(const CopyRule& rule);
 
   DvDataMgr* mgr_;
+  std::atomic<int64_t> dropped_{0};
+  std::atomic<int64_t> dropped_logged_{0};
+  std::atomic<int64_t> drop_logged_at_ms_{-1000000};
 };
 
 }  // namespace tavr

@@ -85,7 +85,17 @@ DataMsg* MsgQueue::alloc(size_t size) {
   return msg;
 }
 
+size_t MsgQueue::cost(const DataMsg* msg) { return msg->room != 0 ? sizeof(Block) : sizeof(DataMsg) + msg->size; }
+
+void MsgQueue::add_freed(Server& server, size_t bytes) {
+  server.freed += bytes;
+  if (server.freed < (size_t{64} << 10)) return;
+  freed_bytes_.fetch_add(server.freed, std::memory_order_relaxed);
+  server.freed = 0;
+}
+
 void MsgQueue::recycle(int index, DataMsg* msg) {
+  add_freed(servers_[index], cost(msg));
   if (msg->room == 0) {
     free_msg(msg);
     return;
@@ -106,6 +116,7 @@ void MsgQueue::recycle(int index, DataMsg* msg) {
 
 void MsgQueue::push(DataMsg* msg) {
   msg->seq = seq_.fetch_add(1, std::memory_order_relaxed);
+  pushed_bytes_.fetch_add(cost(msg), std::memory_order_relaxed);
   if (msg->key == 0) {
     push_reply(msg);
     return;
@@ -212,6 +223,10 @@ void MsgQueue::wait_for(int index, int ms) {
     }
     port::CpuRelax();
   }
+  if (server.freed != 0) {
+    freed_bytes_.fetch_add(server.freed, std::memory_order_relaxed);
+    server.freed = 0;
+  }
   server.sleeping.store(true, std::memory_order_seq_cst);
   if (!has_work(server)) {
     if (ms < 0) {
@@ -266,6 +281,7 @@ DataMsg* MsgQueue::activate(int n) {
       server.depth.fetch_add(1);
     }
   }
+  if (oldest != nullptr) freed_bytes_.fetch_add(cost(oldest), std::memory_order_relaxed);
   return oldest;
 }
 

@@ -52,6 +52,18 @@ class MsgQueue {
   // A message with room for size payload bytes, null when memory is out.
   // Any thread.
   DataMsg* alloc(size_t size);
+  // Whether a record of size bytes fits beside what the queue holds; false
+  // once the queue holds its limit. Any thread.
+  bool admit(size_t size) const { return held_bytes() + size <= limit_.load(std::memory_order_relaxed); }
+  void set_limit(size_t bytes) { limit_.store(bytes, std::memory_order_relaxed); }
+  // Bytes of the messages queued or being handled.
+  size_t held_bytes() const {
+    size_t freed = freed_bytes_.load(std::memory_order_relaxed);
+    size_t pushed = pushed_bytes_.load(std::memory_order_relaxed);
+    return pushed > freed ? pushed - freed : 0;
+  }
+  static constexpr size_t kDefaultLimit = size_t{256} << 20;
+
   // Appends msg; ownership passes to the queue. Any thread.
   void push(DataMsg* msg);
   // Disposes of a handled message. Only the thread of server.
@@ -90,7 +102,11 @@ class MsgQueue {
     // handled blocks on their way back.
     std::deque<DataMsg*> taken;
     std::vector<DataMsg*> spent;
+    size_t freed = 0;  // bytes handled and not yet added to freed_bytes_
   };
+  // What a message counts against the limit.
+  static size_t cost(const DataMsg* msg);
+  void add_freed(Server& server, size_t bytes);
 
   void push_reply(DataMsg* msg);
   DataMsg* take_reply();
@@ -99,6 +115,11 @@ class MsgQueue {
   std::unique_ptr<Server[]> servers_;
   std::atomic<int> active_{1};
   std::atomic<uint64_t> seq_{0};
+  // Bytes pushed and bytes handled, written by the two sides apart; the
+  // service threads add theirs in batches.
+  alignas(64) std::atomic<size_t> pushed_bytes_{0};
+  alignas(64) std::atomic<size_t> freed_bytes_{0};
+  std::atomic<size_t> limit_{kDefaultLimit};
 
   // The shared FIFO of replies, and the strands being handled: a strand's
   // messages taken while it is busy wait here for end_strand.
