@@ -39,6 +39,9 @@ class Draw {
 
 double Cents(double value) { return std::round(value * 100) / 100; }
 
+// Month and day of the quarters' ends.
+const int32_t kEnds[] = {331, 630, 930, 1231};
+
 struct Period {
   int32_t end;       // yyyymmdd
   int32_t announce;  // yyyymmdd
@@ -49,7 +52,6 @@ struct Period {
 // The latest periods published by trade_date, newest first; none ends
 // before the share listed.
 std::vector<Period> Periods(const Instrument& stock, uint64_t seed, int32_t trade_date, size_t most) {
-  static const int32_t kEnds[] = {331, 630, 930, 1231};
   static const int32_t kAnnounceMonth[] = {400, 800, 1000, 10300};  // the year's report: next March
   std::vector<Period> periods;
   for (int32_t year = trade_date / 10000; year > trade_date / 10000 - 4 && periods.size() < most; --year) {
@@ -207,12 +209,20 @@ Item Statement(const Instrument& stock, const Period& period, const std::array<d
   return item;
 }
 
+// Holders at a quarter's end: the share's usual number, drifting a little.
+int32_t Holders(const Instrument& stock, uint64_t seed, int32_t end) {
+  double usual = static_cast<double>(stock.total_shares) / static_cast<double>(Draw(seed, stock.code, 3).range(8000, 60000));
+  Draw draw(seed, stock.code, -end);
+  return static_cast<int32_t>(std::max(1000.0, usual * draw.between(0.9, 1.1)));
+}
+
 ApiSHNumberItem HolderNumber(const Instrument& stock, uint64_t seed, const Period& period) {
-  Draw draw(seed, stock.code, -period.end);
   auto item = Dated<ApiSHNumberItem>(stock, period);
-  item.holders = static_cast<int32_t>(std::max<int64_t>(1000, stock.total_shares / draw.range(8000, 60000)));
-  item.previous_holders = static_cast<int32_t>(std::llround(item.holders * draw.between(0.9, 1.1)));
-  item.restricted_holders = stock.total_shares > stock.float_shares ? static_cast<int32_t>(draw.range(1, 30)) : 0;
+  int32_t year = period.end / 10000;
+  int32_t before = period.type == 1 ? (year - 1) * 10000 + kEnds[3] : year * 10000 + kEnds[period.type - 2];
+  item.holders = Holders(stock, seed, period.end);
+  item.previous_holders = Holders(stock, seed, before);
+  item.restricted_holders = stock.total_shares > stock.float_shares ? static_cast<int32_t>(Draw(seed, stock.code, 4).range(1, 30)) : 0;
   item.float_holders = item.holders - item.restricted_holders;
   item.shares_per_holder = Cents(static_cast<double>(stock.total_shares) / item.holders);
   item.change_pct = Cents((item.holders - item.previous_holders) * 100.0 / item.previous_holders);
