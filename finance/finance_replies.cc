@@ -81,48 +81,26 @@ std::shared_ptr<DraVikIData> TopHolders(const ApiTopHolderItem& item, const Repl
 }
 
 // The element of each kind's reply and the record it becomes.
+template <typename ItemType, auto Convert>
+struct ElementOf {
+  using Item = ItemType;
+  static constexpr auto convert = Convert;
+};
+template <typename Record, typename Item>
+using StatementOf = ElementOf<Item, &Statement<Record, Item>>;
+template <typename Record>
+using TopHoldersOf = ElementOf<ApiTopHolderItem, &TopHolders<Record>>;
+
 template <int Kind>
 struct FinanceElement;
-template <>
-struct FinanceElement<1> {
-  using Item = ApiBalanceSheetItem;
-  static constexpr auto convert = &Statement<DravikCBalanceSheet, Item>;
-};
-template <>
-struct FinanceElement<2> {
-  using Item = ApiIncomeStatementItem;
-  static constexpr auto convert = &Statement<DravikCShareIncome, Item>;
-};
-template <>
-struct FinanceElement<4> {
-  using Item = ApiCashFlowItem;
-  static constexpr auto convert = &Statement<DravikCShareCashFlow, Item>;
-};
-template <>
-struct FinanceElement<8> {
-  using Item = ApiFinancialDataItem;
-  static constexpr auto convert = &Statement<DravikCPerShare, Item>;
-};
-template <>
-struct FinanceElement<16> {
-  using Item = ApiShareItem;
-  static constexpr auto convert = &Statement<DravikCCapitalStructure, Item>;
-};
-template <>
-struct FinanceElement<32> {
-  using Item = ApiSHNumberItem;
-  static constexpr auto convert = &HolderNumber;
-};
-template <>
-struct FinanceElement<64> {
-  using Item = ApiTopHolderItem;
-  static constexpr auto convert = &TopHolders<Dravik_Ctop10_share_holder>;
-};
-template <>
-struct FinanceElement<128> {
-  using Item = ApiTopHolderItem;
-  static constexpr auto convert = &TopHolders<Dravik_Ctop10_flow_share_holder>;
-};
+template <> struct FinanceElement<1> : StatementOf<DravikCBalanceSheet, ApiBalanceSheetItem> {};
+template <> struct FinanceElement<2> : StatementOf<DravikCShareIncome, ApiIncomeStatementItem> {};
+template <> struct FinanceElement<4> : StatementOf<DravikCShareCashFlow, ApiCashFlowItem> {};
+template <> struct FinanceElement<8> : StatementOf<DravikCPerShare, ApiFinancialDataItem> {};
+template <> struct FinanceElement<16> : StatementOf<DravikCCapitalStructure, ApiShareItem> {};
+template <> struct FinanceElement<32> : ElementOf<ApiSHNumberItem, &HolderNumber> {};
+template <> struct FinanceElement<64> : TopHoldersOf<Dravik_Ctop10_share_holder> {};
+template <> struct FinanceElement<128> : TopHoldersOf<Dravik_Ctop10_flow_share_holder> {};
 
 }  // namespace
 
