@@ -121,8 +121,9 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
   CMyLog::PrintLog(LOG_INFO, kFunction, "%s code:%s.%s: serino=%d,Count=%d", kind.tag, line.code.c_str(),
                    line.market.c_str(), line.base, count);
 
+  // Callers hold his_request_mu_. Ids are shared with history requests,
+  // whose records are longer.
   auto is_open = [&] {
-    // Ids are shared with history requests, whose records are longer.
     auto it = his_request_infos_.find(base);
     return it != his_request_infos_.end() && it->second.size() == 3 && finance_results_.count(base) != 0;
   };
@@ -130,10 +131,12 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
     CMyLog::PrintLog(LOG_INFO, kFunction, "%s code:%s.%s Missing Request id[%d]!!!!", kind.tag, line.code.c_str(),
                      line.market.c_str(), line.base);
   };
+  bool open;
   {
     std::lock_guard<std::mutex> lock(his_request_mu_);
-    if (!is_open()) return missing();
+    open = is_open();
   }
+  if (!open) return missing();
 
   FinanceRecords records;
   size_t available = reply.available(count);
@@ -151,22 +154,26 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
   FinanceCollect done;
   {
     std::lock_guard<std::mutex> lock(his_request_mu_);
-    if (!is_open()) return missing();
-    std::vector<int32_t>& request = his_request_infos_[base];
-    FinanceCollect& collect = finance_results_[base];
-    if (count < 0) collect.ok = false;
-    collect.data.emplace(kind.type_id, std::move(records));
-    // A kind that answers twice is subtracted twice: no bit test.
-    outstanding = request[2] - Kind;
-    if (outstanding != 0) {
-      request[2] = outstanding;
-    } else {
-      complete = true;
-      done = std::move(collect);
-      his_request_infos_.erase(base);
-      finance_results_.erase(base);
+    // Gone meanwhile when another reply completed the request.
+    open = is_open();
+    if (open) {
+      std::vector<int32_t>& request = his_request_infos_[base];
+      FinanceCollect& collect = finance_results_[base];
+      if (count < 0) collect.ok = false;
+      collect.data.emplace(kind.type_id, std::move(records));
+      // A kind that answers twice is subtracted twice: no bit test.
+      outstanding = request[2] - Kind;
+      if (outstanding != 0) {
+        request[2] = outstanding;
+      } else {
+        complete = true;
+        done = std::move(collect);
+        his_request_infos_.erase(base);
+        finance_results_.erase(base);
+      }
     }
   }
+  if (!open) return missing();
   if (!complete) {
     CMyLog::PrintLog(LOG_INFO, kFunction, "%s[id=%d] code:%s.%s Waiting for files [%s]!!!!", kind.tag, line.base,
                      line.code.c_str(), line.market.c_str(),

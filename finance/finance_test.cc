@@ -152,8 +152,8 @@ TEST_F(FinanceTest, OneRequestPerKindGoesOutInBitOrderUnderBasePlusBit) {
     EXPECT_EQ(calls[i].op, ops[i]);
     ASSERT_EQ(calls[i].bytes.size(), 38u);
     auto request = testkit::record_of<FinanceRequest>(calls[i]);
-    EXPECT_EQ(request.request_id, base + bits[i]);
-    EXPECT_EQ(request.market, 1);
+    EXPECT_EQ(+request.request_id, base + bits[i]);
+    EXPECT_EQ(+request.market, 1);
     EXPECT_STREQ(request.code, "000001");
   }
   for (int refused : {24505, 24507, 7}) {
@@ -178,7 +178,7 @@ TEST_F(FinanceTest, OneRequestPerKindGoesOutInBitOrderUnderBasePlusBit) {
   ASSERT_NE(mgr().request_finance_data("SH", long_code, {24509}, 0, 0), kFailed);
   auto request = testkit::record_of<FinanceRequest>(api().calls("ReqMostShareHolder").at(0));
   EXPECT_EQ(std::string(request.code), long_code.substr(0, 31));
-  EXPECT_EQ(request.market, 2);
+  EXPECT_EQ(+request.market, 2);
   mgr().set_api(nullptr);
   log().clear();
   EXPECT_NE(mgr().request_finance_data("SZ", "000001", {24502, 24503}, 0, 0), kFailed);

@@ -29,16 +29,12 @@ class SimFinanceTest : public SimHostTest {
   }
   // Every kind asked for code under base + bit; the answers by kind.
   std::map<std::string, std::vector<uint8_t>> AskAll(const std::string& code, uint16_t base = 100) {
-    int (CDataApi::*ops[])(const FinanceRequest*) = {
-        &CDataApi::ReqBalanceSheet, &CDataApi::ReqIncomeStatement, &CDataApi::ReqCashFlowStatement,
-        &CDataApi::ReqFinancialData, &CDataApi::ReqShareData, &CDataApi::ReqSHNumber,
-        &CDataApi::ReqMostShareHolder, &CDataApi::ReqNegotiableShareHolder};
-    for (int i = 0; i < 8; ++i) {
+    for (int bit = 1; bit <= 128; bit *= 2) {
       FinanceRequest request{};
-      request.request_id = static_cast<uint16_t>(base + (1 << i));
+      request.request_id = static_cast<uint16_t>(base + bit);
       request.market = kSZ;
       std::snprintf(request.code, sizeof(request.code), "%s", code.c_str());
-      EXPECT_EQ((api_->*ops[i])(&request), 0);
+      EXPECT_EQ(Ask(bit, request), 0);
     }
     std::map<std::string, std::vector<uint8_t>> answers;
     for (auto& record : Settle()) {
@@ -48,13 +44,26 @@ class SimFinanceTest : public SimHostTest {
     return answers;
   }
 
+  int Ask(int bit, const FinanceRequest& r) {
+    switch (bit) {
+      case 1: return api_->ReqBalanceSheet(&r);
+      case 2: return api_->ReqIncomeStatement(&r);
+      case 4: return api_->ReqCashFlowStatement(&r);
+      case 8: return api_->ReqFinancialData(&r);
+      case 16: return api_->ReqShareData(&r);
+      case 32: return api_->ReqSHNumber(&r);
+      case 64: return api_->ReqMostShareHolder(&r);
+      default: return api_->ReqNegotiableShareHolder(&r);
+    }
+  }
+
   std::string share_;
   std::string index_;
 };
 
 template <typename Item>
 std::vector<Item> Items(const std::vector<uint8_t>& bytes) {
-  std::vector<Item> items(static_cast<size_t>(std::max(0, Read<ApiShareRsp>(bytes).count)));
+  std::vector<Item> items(static_cast<size_t>(std::max(0, +Read<ApiShareRsp>(bytes).count)));
   for (size_t i = 0; i < items.size(); ++i) items[i] = Read<Item>(bytes, sizeof(ApiShareRsp) + i * sizeof(Item));
   return items;
 }
@@ -69,9 +78,9 @@ TEST_F(SimFinanceTest, AShareHasReportsThatHangTogether) {
                                               {"top ten tradable", 128}};
   for (const auto& [kind, bit] : bits) {
     auto head = Read<ApiShareRsp>(answers[kind]);
-    EXPECT_EQ(head.request_id, 100 + bit) << kind;
+    EXPECT_EQ(+head.request_id, 100 + bit) << kind;
     EXPECT_EQ(std::string(head.code), share_);
-    EXPECT_EQ(head.count, bit >= 64 ? kHolderPeriods : kStatementPeriods) << kind;
+    EXPECT_EQ(+head.count, bit >= 64 ? kHolderPeriods : kStatementPeriods) << kind;
   }
   auto balance = Items<ApiBalanceSheetItem>(answers["balance"]);
   auto income = Items<ApiIncomeStatementItem>(answers["income"]);
@@ -79,32 +88,33 @@ TEST_F(SimFinanceTest, AShareHasReportsThatHangTogether) {
   auto per = Items<ApiFinancialDataItem>(answers["per share"]);
   auto capital = Items<ApiShareItem>(answers["capital"]);
   for (size_t i = 0; i < balance.size(); ++i) {
-    const auto& b = balance[i].items;
+    float b[sizeof(ApiBalanceSheetItem::items) / sizeof(float)];  // packed: copied out before use
+    std::memcpy(b, balance[i].items, sizeof(b));
     double assets = b[balance::kTotalAssets];
     EXPECT_NEAR(assets, b[balance::kTotalLiabilities] + b[balance::kTotalEquity], assets * 1e-6);
     double current = 0;
     for (int k = 0; k < balance::kCurrentAssets; ++k) current += b[k];
     EXPECT_NEAR(current, b[balance::kCurrentAssets], assets * 1e-6);
-    EXPECT_EQ(cash[i].items[cash_flow::kEndCash], b[balance::kCash]);
-    EXPECT_EQ(income[i].report_date, balance[i].report_date);
-    EXPECT_LE(balance[i].report_date, balance[i].announce_date);
+    EXPECT_EQ(+cash[i].items[cash_flow::kEndCash], +b[balance::kCash]);
+    EXPECT_EQ(+income[i].report_date, +balance[i].report_date);
+    EXPECT_LE(+balance[i].report_date, +balance[i].announce_date);
     if (i > 0) {
-      EXPECT_LT(balance[i].report_date, balance[i - 1].report_date);
+      EXPECT_LT(+balance[i].report_date, +balance[i - 1].report_date);
     }
     double shares = capital[i].items[capital::kTotalShares];
     EXPECT_EQ(shares, capital[i].items[capital::kTradableShares] + capital[i].items[capital::kRestrictedShares]);
-    EXPECT_NEAR(per[i].items[per_share::kEps], income[i].items[income::kParentNetProfit] * 10000 / shares, 1e-4);
-    EXPECT_NEAR(per[i].items[per_share::kBookValue], b[balance::kParentEquity] * 10000 / shares, 1e-3);
+    EXPECT_NEAR(+per[i].items[per_share::kEps], income[i].items[income::kParentNetProfit] * 10000 / shares, 1e-4);
+    EXPECT_NEAR(+per[i].items[per_share::kBookValue], b[balance::kParentEquity] * 10000 / shares, 1e-3);
   }
   for (const char* kind : {"top ten", "top ten tradable"}) {
     for (const auto& list : Items<ApiTopHolderItem>(answers[kind])) {
-      ASSERT_EQ(list.holder_count, 10);
+      ASSERT_EQ(+list.holder_count, 10);
       double stakes = 0;
       for (int h = 0; h < 10; ++h) {
         EXPECT_GT(std::strlen(list.holders[h].name), 0u);
-        EXPECT_EQ(list.holders[h].rank, h + 1);
+        EXPECT_EQ(+list.holders[h].rank, h + 1);
         if (h > 0) {
-          EXPECT_LE(list.holders[h].shares, list.holders[h - 1].shares);
+          EXPECT_LE(+list.holders[h].shares, +list.holders[h - 1].shares);
         }
         stakes += list.holders[h].ratio;
       }
@@ -133,13 +143,13 @@ TEST_F(SimFinanceTest, AKindCanBeSilentAnswerTwiceOrWithANegativeCount) {
   EXPECT_EQ(records[0].kind, "capital");
   EXPECT_EQ(records[1].bytes, records[0].bytes);
   EXPECT_EQ(records[2].kind, "top ten");
-  EXPECT_EQ(Read<ApiShareRsp>(records[2].bytes).count, -1);
+  EXPECT_EQ(+Read<ApiShareRsp>(records[2].bytes).count, -1);
 
   // Codes without reports are answered with none; other markets not at all.
   SimSetFinanceReply(1, 0);
   SimSetFinanceReply(16, 0);
   auto answers = AskAll(index_);
-  for (const auto& [kind, bytes] : answers) EXPECT_EQ(Read<ApiShareRsp>(bytes).count, kind == "top ten" ? -1 : 0);
+  for (const auto& [kind, bytes] : answers) EXPECT_EQ(+Read<ApiShareRsp>(bytes).count, kind == "top ten" ? -1 : 0);
   request.market = kSQ;
   EXPECT_EQ(api_->ReqShareData(&request), -1);
 }
