@@ -1,6 +1,6 @@
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <bit>
 #include <cstring>
 #include <future>
 #include <mutex>
@@ -48,18 +48,15 @@ class FinanceTest : public ::testing::Test {
                         se::EQuoteSubStatus status) {
         std::lock_guard<std::mutex> lock(mu_);
         deliveries_.push_back({market, p.types, data, status});
-        cv_.notify_all();
       };
     }
-    int lowest = 0;  // the kind asked for first
-    for (const FinanceKind& kind : kFinanceKinds) {
-      for (int32_t type : param.types) lowest = lowest == 0 && type == kind.type_id ? kind.bit : lowest;
-    }
+    int mask = finance_mask_of(param.types, "test");
     size_t next = api().calls().size();
     fx_.client().requestFinanceData(param, std::move(callback));
     auto calls = api().calls();
     if (calls.size() <= next) return -1;
-    return static_cast<short>(testkit::record_of<FinanceRequest>(calls[next]).request_id - lowest);
+    // The first request goes out for the lowest kind.
+    return static_cast<short>(testkit::record_of<FinanceRequest>(calls[next]).request_id - (mask & -mask));
   }
   std::vector<Delivery> deliveries() {
     std::lock_guard<std::mutex> lock(mu_);
@@ -70,21 +67,12 @@ class FinanceTest : public ::testing::Test {
     fx_.deliver(MsgType(Kind), testkit::finance_reply<Kind>(static_cast<uint16_t>(base + Kind), items, count));
   }
   static int MsgType(int kind) {
-    switch (kind) {
-      case 1: return 37;
-      case 2: return 35;
-      case 4: return 36;
-      case 8: return 34;
-      case 16: return 30;
-      case 32: return 38;
-      case 64: return 39;
-      default: return 40;
-    }
+    const int types[] = {37, 35, 36, 34, 30, 38, 39, 40};  // by bit, from bit 0
+    return types[std::countr_zero(static_cast<unsigned>(kind))];
   }
 
   testkit::MarketFixture fx_;
   std::mutex mu_;
-  std::condition_variable cv_;
   std::vector<Delivery> deliveries_;
 };
 

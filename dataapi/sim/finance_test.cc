@@ -5,6 +5,7 @@
 
 #include "dataapi/sim/finance.h"
 #include "dataapi/sim/sim_host_test.h"
+#include "finance/finance_kinds.h"
 
 namespace sim {
 namespace {
@@ -29,12 +30,12 @@ class SimFinanceTest : public SimHostTest {
   }
   // Every kind asked for code under base + bit; the answers by kind.
   std::map<std::string, std::vector<uint8_t>> AskAll(const std::string& code, uint16_t base = 100) {
-    for (int bit = 1; bit <= 128; bit *= 2) {
+    for (const tavr::FinanceKind& kind : tavr::kFinanceKinds) {
       FinanceRequest request{};
-      request.request_id = static_cast<uint16_t>(base + bit);
+      request.request_id = static_cast<uint16_t>(base + kind.bit);
       request.market = kSZ;
       std::snprintf(request.code, sizeof(request.code), "%s", code.c_str());
-      EXPECT_EQ(Ask(bit, request), 0);
+      EXPECT_EQ((api_->*kind.request)(&request), 0);
     }
     std::map<std::string, std::vector<uint8_t>> answers;
     for (auto& record : Settle()) {
@@ -42,19 +43,6 @@ class SimFinanceTest : public SimHostTest {
       EXPECT_TRUE(answers.emplace(record.kind, record.bytes).second) << record.kind;
     }
     return answers;
-  }
-
-  int Ask(int bit, const FinanceRequest& r) {
-    switch (bit) {
-      case 1: return api_->ReqBalanceSheet(&r);
-      case 2: return api_->ReqIncomeStatement(&r);
-      case 4: return api_->ReqCashFlowStatement(&r);
-      case 8: return api_->ReqFinancialData(&r);
-      case 16: return api_->ReqShareData(&r);
-      case 32: return api_->ReqSHNumber(&r);
-      case 64: return api_->ReqMostShareHolder(&r);
-      default: return api_->ReqNegotiableShareHolder(&r);
-    }
   }
 
   std::string share_;
