@@ -282,6 +282,8 @@ void KelQuoteClient::requestFinanceData(const FinanceDataParam& param, FinanceCa
   DvDataMgr* mgr = data_manager();
   short id;
   {
+    // Sent under the lock so that no reply can be looked up before its entry
+    // exists; the data manager delivers without holding a lock of its own.
     std::lock_guard<std::recursive_mutex> lock(state_->finance_mu);
     id = static_cast<short>(mgr != nullptr ? mgr->request_finance_data(market, param.code, param.types,
                                                                        static_cast<int32_t>(param.begin),
@@ -344,14 +346,19 @@ void KelQuoteClient::onWholeSub(const short& id, const QuoteMap& records) {
 
 void KelQuoteClient::onRequestFinance(const short& id, const FinanceResult& data, bool ok) {
   const char* function = "tavr::KelQuoteClient::onRequestFinance";
-  std::lock_guard<std::recursive_mutex> lock(state_->finance_mu);
-  auto it = state_->finance.find(id);
-  if (it == state_->finance.end()) {
-    CMyLog::PrintLog(LOG_INFO, function, "No request found in finance request list[id=%d]!!!", id);
-    return;
+  std::pair<FinanceDataParam, FinanceCallback> request;
+  {
+    std::lock_guard<std::recursive_mutex> lock(state_->finance_mu);
+    auto it = state_->finance.find(id);
+    if (it == state_->finance.end()) {
+      CMyLog::PrintLog(LOG_INFO, function, "No request found in finance request list[id=%d]!!!", id);
+      return;
+    }
+    request = std::move(it->second);
+    state_->finance.erase(it);
   }
-  auto request = std::move(it->second);
-  state_->finance.erase(it);
+  // The entry is gone before the host runs, unlocked: a request made meanwhile,
+  // from any thread, waits for nobody's callback.
   if (request.second) {
     Guarded(function, [&] {
       request.second(request.first.market, request.first, data, ok ? se::kQuoteData : se::kQuoteFailure);

@@ -261,6 +261,112 @@ struct ApiHKRateItem {
 static_assert(sizeof(ApiHKRateItem) == 16);
 
 
+// ---- Financial data ----------------------------------------------------------
+// Every answer to a FinanceRequest is headed by the request's id and
+// instrument, with count elements from byte 42, one per report period. The
+// eight answers share the head; Kind (the bit value of the kind of data)
+// tells them apart. Texts are GBK.
+template <int Kind>
+struct ApiFinanceRsp {
+  uint16_t request_id;
+  int32_t market;
+  char code[32];
+  int32_t count;
+};
+using ApiBalanceSheetRsp = ApiFinanceRsp<1>;
+using ApiIncomeStatementRsp = ApiFinanceRsp<2>;
+using ApiCashFlowStatementRsp = ApiFinanceRsp<4>;
+using ApiFinancialDataRsp = ApiFinanceRsp<8>;
+using ApiShareRsp = ApiFinanceRsp<16>;
+using ApiSHNumberResp = ApiFinanceRsp<32>;
+using ApiMostShareHolderResp = ApiFinanceRsp<64>;
+using ApiNegotiableShareHolderRsp = ApiFinanceRsp<128>;
+static_assert(sizeof(ApiShareRsp) == 42);
+static_assert(offsetof(ApiShareRsp, code) == 6);
+static_assert(offsetof(ApiShareRsp, count) == 38);
+
+// One report period of a statement: its items in the service's order, as
+// doubles where the element has room for them and as floats where not.
+template <typename Value, size_t Items, size_t Size>
+struct ApiStatementItem {
+  char code[32];
+  int32_t report_date;    // yyyymmdd, end of the period
+  int32_t announce_date;  // yyyymmdd
+  int32_t report_type;    // 1 first quarter, 2 half year, 3 third quarter, 4 year
+  Value items[Items];
+  uint8_t reserved[Size - 44 - Items * sizeof(Value)];
+};
+using ApiBalanceSheetItem = ApiStatementItem<float, 123, 795>;
+using ApiIncomeStatementItem = ApiStatementItem<double, 60, 539>;
+using ApiCashFlowItem = ApiStatementItem<float, 92, 691>;
+using ApiFinancialDataItem = ApiStatementItem<double, 41, 572>;
+using ApiShareItem = ApiStatementItem<double, 3, 296>;
+static_assert(sizeof(ApiBalanceSheetItem) == 795);
+static_assert(sizeof(ApiIncomeStatementItem) == 539);
+static_assert(sizeof(ApiCashFlowItem) == 691);
+static_assert(sizeof(ApiFinancialDataItem) == 572);
+static_assert(sizeof(ApiShareItem) == 296);
+static_assert(offsetof(ApiBalanceSheetItem, report_date) == 32);
+static_assert(offsetof(ApiBalanceSheetItem, report_type) == 40);
+static_assert(offsetof(ApiBalanceSheetItem, items) == 44);
+static_assert(offsetof(ApiIncomeStatementItem, items) == 44);
+static_assert(offsetof(ApiShareItem, items) == 44);
+
+// Number of holders at one report date.
+struct ApiSHNumberItem {
+  char code[32];
+  int32_t report_date;     // yyyymmdd
+  int32_t announce_date;   // yyyymmdd
+  int32_t holders;         // all holders
+  double shares_per_holder;
+  int32_t float_holders;   // holders of tradable shares
+  double change_pct;       // change of all holders since the previous report
+  int32_t restricted_holders;
+  uint8_t reserved1[4];
+  int32_t previous_holders;  // all holders at the previous report
+  uint8_t reserved2[4];
+};
+static_assert(sizeof(ApiSHNumberItem) == 80);
+static_assert(offsetof(ApiSHNumberItem, report_date) == 32);
+static_assert(offsetof(ApiSHNumberItem, announce_date) == 36);
+static_assert(offsetof(ApiSHNumberItem, holders) == 40);
+static_assert(offsetof(ApiSHNumberItem, float_holders) == 52);
+static_assert(offsetof(ApiSHNumberItem, restricted_holders) == 64);
+static_assert(offsetof(ApiSHNumberItem, previous_holders) == 72);
+
+// One holder of a top-ten list.
+struct ApiShareHolder {
+  char name[64];
+  char kind[32];        // kind of holder
+  int64_t shares;       // shares held
+  char share_kind[16];  // kind of the shares held
+  double ratio;         // percent of the shares the list counts
+  char change[64];      // change since the previous report
+  int32_t rank;         // from 1
+};
+static_assert(sizeof(ApiShareHolder) == 196);
+static_assert(offsetof(ApiShareHolder, shares) == 96);
+static_assert(offsetof(ApiShareHolder, share_kind) == 104);
+static_assert(offsetof(ApiShareHolder, ratio) == 120);
+static_assert(offsetof(ApiShareHolder, change) == 128);
+static_assert(offsetof(ApiShareHolder, rank) == 192);
+
+// The largest holders at one report date (both top-ten answers).
+struct ApiTopHolderItem {
+  static constexpr int kMaxHolders = 11;
+  char code[32];
+  int32_t report_date;    // yyyymmdd
+  int32_t announce_date;  // yyyymmdd
+  int32_t holder_count;   // entries of holders used
+  ApiShareHolder holders[kMaxHolders];
+};
+static_assert(sizeof(ApiTopHolderItem) == 2200);
+static_assert(offsetof(ApiTopHolderItem, report_date) == 32);
+static_assert(offsetof(ApiTopHolderItem, announce_date) == 36);
+static_assert(offsetof(ApiTopHolderItem, holder_count) == 40);
+static_assert(offsetof(ApiTopHolderItem, holders) == 44);
+
+
 // ---- Real-time data ----------------------------------------------------------
 
 // A level-1 snapshot (OnTickL1), also the element of a whole-market package.

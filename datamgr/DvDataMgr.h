@@ -19,6 +19,7 @@
 #include "datamgr/callback_pro.h"
 #include "datamgr/msg_queue.h"
 #include "datamgr/prelude.h"
+#include "kelquote/BaseQuoteClient.h"
 #include "market/base_code_info.h"
 #include "market/calendar.h"
 #include "market/market_info.h"
@@ -123,6 +124,9 @@ class DvDataMgr {
   void on_reply_data_l2_transaction(const void* data, size_t size);
   void on_reply_data_l2_order(const void* data, size_t size);
   void on_reply_data_l2_order_queue(const void* data, size_t size);
+  // The eight financial replies, Kind their kind's bit value.
+  template <int Kind>
+  void on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size);
 
   // Reads what a conversion needs of an instrument under the instrument
   // lock: 0 when the code is unknown, else find_code's table number.
@@ -287,6 +291,18 @@ class DvDataMgr {
   std::map<std::pair<int, std::string>, std::string> contracts_;  // (kind, code) -> contract
   mutable std::mutex issues_mu_;
   std::vector<IPOCodeInfo> new_issues_;
+
+  // Requests awaiting replies, by id: history ranges, financial [begin, end, kinds outstanding].
+  std::mutex his_request_mu_;
+  std::map<uint16_t, std::vector<int32_t>> his_request_infos_;
+  // What the replies of each financial request brought so far, by its id;
+  // guarded by his_request_mu_ with the outstanding kinds, so that the reply
+  // that completes a request finds every other reply's records in place.
+  struct FinanceCollect {
+    FinanceResult data;
+    bool ok = true;  // false once a reply had a negative count
+  };
+  std::map<uint16_t, FinanceCollect> finance_results_;
 
   std::function<double()> clock_;
   int timer_period_ms_ = 10000;

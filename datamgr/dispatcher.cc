@@ -64,6 +64,14 @@ static const std::array<Entry, kMaxType + 1>& RouteTable() {
     t[25] = {Route::kHandler, &Handle<ApiNewIssueHead>};
     t[31] = {Route::kHandler, &Handle<ApiHKRateHead>};
     t[33] = {Route::kHandler, &Handle<ApiLatestShareHead>};
+    t[30] = {Route::kHandler, &Handle<ApiShareRsp>};
+    t[34] = {Route::kHandler, &Handle<ApiFinancialDataRsp>};
+    t[35] = {Route::kHandler, &Handle<ApiIncomeStatementRsp>};
+    t[36] = {Route::kHandler, &Handle<ApiCashFlowStatementRsp>};
+    t[37] = {Route::kHandler, &Handle<ApiBalanceSheetRsp>};
+    t[38] = {Route::kHandler, &Handle<ApiSHNumberResp>};
+    t[39] = {Route::kHandler, &Handle<ApiMostShareHolderResp>};
+    t[40] = {Route::kHandler, &Handle<ApiNegotiableShareHolderRsp>};
     return t;
   }();
   return table;

@@ -18,6 +18,9 @@ void ShowMarkets(tavr::BaseQuoteClient& client);
 // A live table of a few instruments and one whole market for seconds.
 void ShowRealtime(tavr::BaseQuoteClient& client, int seconds);
 
+// Balance sheets, share capital, holder counts and top-ten holders of one SZ share.
+void ShowFinance(tavr::BaseQuoteClient& client);
+
 }  // namespace demo
 
 #endif  // KELQUOTE_DEMO_DEMO_H_

@@ -113,6 +113,19 @@ std::vector<uint8_t> level2(const std::vector<Record>& records) {
   return reply(ApiL2Head{0, static_cast<int32_t>(records.size())}, records);
 }
 
+// A financial reply of Kind (its bit value) to sub-request id, with count
+// elements claimed and items present.
+template <int Kind, typename Item>
+std::vector<uint8_t> finance_reply(uint16_t id, const std::vector<Item>& items, int32_t count,
+                                   uint8_t market_id = 1, const std::string& code = "000001") {
+  ApiFinanceRsp<Kind> head{};
+  head.request_id = id;
+  head.market = market_id;
+  set_text(head.code, code);
+  head.count = count;
+  return reply(head, items);
+}
+
 }  // namespace testkit
 
 #endif  // KELQUOTE_TESTKIT_RECORDS_H_

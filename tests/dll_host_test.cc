@@ -127,4 +127,63 @@ TEST(DllHostTest, ASessionReachesTheHostAndSurvivesAThrowingCallback) {
   EXPECT_EQ(utils::safeGbk2Utf8(got[0].second), "Dravik后台数据连接中断，尝试重连中....");
 }
 
+TEST(DllHostTest, FinancialRecordsCrossTheModulesAsValues) {
+  HostFolder folder;
+  tavr::BaseQuoteClient* client = getKelClient();
+  bool logged_in = false;
+  client->goLogin(tavr::LoginParam{}, [&](bool ok, std::string) { logged_in = ok; });
+  ASSERT_TRUE(logged_in);
+  std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> shares;
+  client->getStockList("SZ", 0, shares);
+  ASSERT_FALSE(shares.empty());
+
+  tavr::FinanceDataParam param;
+  param.market = "SZ";
+  param.code = shares[0]->code;
+  param.types = {24509, 24506};
+  std::mutex mu;
+  std::condition_variable cv;
+  tavr::FinanceResult got;
+  bool done = false;
+  client->requestFinanceData(param, [&](std::string market, const tavr::FinanceDataParam& asked,
+                                        const tavr::FinanceResult& data, se::EQuoteSubStatus status) {
+    EXPECT_EQ(market, "SZ");
+    EXPECT_EQ(asked.types, param.types);
+    EXPECT_EQ(status, se::kQuoteData);
+    std::lock_guard<std::mutex> lock(mu);
+    got = data;
+    done = true;
+    cv.notify_all();
+  });
+  {
+    std::unique_lock<std::mutex> lock(mu);
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5), [&] { return done; }));
+  }
+  ASSERT_EQ(got.size(), 2u);
+  ASSERT_FALSE(got[24509].empty());
+  ASSERT_FALSE(got[24506].empty());
+  // Type information of the library's records, and copies made by its
+  // exported members, in the host.
+  auto* top = dynamic_cast<tavr::Dravik_Ctop10_share_holder*>(got[24509][0].get());
+  ASSERT_NE(top, nullptr);
+  EXPECT_EQ(dynamic_cast<tavr::DravikCCapitalStructure*>(got[24509][0].get()), nullptr);
+  ASSERT_EQ(top->holders.size(), 10u);
+  tavr::Dravik_Ctop10_share_holder copy(*top);
+  copy.holders[0].name = "host";
+  copy.holders.pop_back();
+  EXPECT_EQ(top->holders.size(), 10u);
+  EXPECT_NE(top->holders[0].name, "host");
+  EXPECT_NE(utils::safeGbk2Utf8(top->holders[0].name).find("集团有限公司"), std::string::npos);
+  tavr::Dravik_Ctop10_share_holder assigned;
+  assigned = copy;
+  EXPECT_EQ(assigned.holders.size(), 9u);
+  EXPECT_EQ(assigned.report_date, top->report_date);
+  auto* capital = dynamic_cast<tavr::DravikCCapitalStructure*>(got[24506][0].get());
+  ASSERT_NE(capital, nullptr);
+  EXPECT_GT(capital->item[0], 0);
+
+  ASSERT_EQ(SimReportConnection(0, 2), 0);
+  EXPECT_EQ(SimWaitIdle(5000), 1);
+}
+
 }  // namespace

@@ -28,6 +28,15 @@ constexpr CopyRule kNewIssueRule{140, 136, 0};
 constexpr CopyRule kHKRateRule{30, 16, 10};
 constexpr CopyRule kLatestShareRule{74, 64, 6};
 
+// Financial replies: a 42-byte head and elements of the kind's size.
+constexpr CopyRule kBalanceRule{837, 795, 38};
+constexpr CopyRule kIncomeRule{581, 539, 38};
+constexpr CopyRule kCashFlowRule{733, 691, 38};
+constexpr CopyRule kFinancialRule{614, 572, 38};
+constexpr CopyRule kShareRule{338, 296, 38};
+constexpr CopyRule kSHNumberRule{122, 80, 38};
+constexpr CopyRule kTopHolderRule{2242, 2200, 38};
+
 constexpr CopyRule kTickL1Rule{249, 0, 0};
 constexpr CopyRule kMarketPushRule{255, 249, 2};
 

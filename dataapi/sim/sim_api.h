@@ -83,15 +83,15 @@ class SimDataApi final : public CDataApi {
   int ReqScanner(int32_t) override { return 0; }
   int ReqSharedFields() override;
   int ReqNewIssueList(int32_t market_id) override;
-  int ReqShareData(const FinanceRequest*) override { return 0; }
+  int ReqShareData(const FinanceRequest* r) override { return finance(16, r); }
   int ReqIndustryData(const FinanceRequest*) override { return 0; }
-  int ReqFinancialData(const FinanceRequest*) override { return 0; }
-  int ReqIncomeStatement(const FinanceRequest*) override { return 0; }
-  int ReqCashFlowStatement(const FinanceRequest*) override { return 0; }
-  int ReqBalanceSheet(const FinanceRequest*) override { return 0; }
-  int ReqSHNumber(const FinanceRequest*) override { return 0; }
-  int ReqMostShareHolder(const FinanceRequest*) override { return 0; }
-  int ReqNegotiableShareHolder(const FinanceRequest*) override { return 0; }
+  int ReqFinancialData(const FinanceRequest* r) override { return finance(8, r); }
+  int ReqIncomeStatement(const FinanceRequest* r) override { return finance(2, r); }
+  int ReqCashFlowStatement(const FinanceRequest* r) override { return finance(4, r); }
+  int ReqBalanceSheet(const FinanceRequest* r) override { return finance(1, r); }
+  int ReqSHNumber(const FinanceRequest* r) override { return finance(32, r); }
+  int ReqMostShareHolder(const FinanceRequest* r) override { return finance(64, r); }
+  int ReqNegotiableShareHolder(const FinanceRequest* r) override { return finance(128, r); }
   int ReqUnused36(const void*) override { return -1; }
   int ReqUnused37(const void*) override { return -1; }
   int ReqUnused38(const void*) override { return -1; }
@@ -118,6 +118,9 @@ class SimDataApi final : public CDataApi {
   using Handler = int (CDataApiCallBack::*)(const void*);
   using Reply = std::pair<Handler, std::vector<uint8_t>>;
 
+  // A financial request of kind (its bit value), answered on the callback
+  // thread as the finance modes say; -1 outside the stock markets.
+  int finance(int kind, const FinanceRequest* request);
   // Runs fn with the registered callback object on the callback thread.
   void deliver(std::function<void(CDataApiCallBack*)> fn);
   // Lends each reply's bytes to its callback, in order, on the callback thread.

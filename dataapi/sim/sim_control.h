@@ -47,6 +47,13 @@ DATAAPI_API int SimSetPushInterval(int ms);
 // futures market's session phase). A negative value returns the clock to
 // the local time. Returns -1 for an invalid time, else 0.
 DATAAPI_API int SimSetTimeOfDay(int hhmmss);
+
+// How the service answers financial requests of one kind, named by its bit
+// value (1 balance sheet, 2 income, 4 cash flow, 8 per-share indicators,
+// 16 share capital, 32 number of holders, 64 top ten holders, 128 top ten
+// tradable holders), from now on: mode 0 as usual, 1 never, 2 twice, 3 with
+// a count of -1. Returns -1 for another kind or mode, else 0.
+DATAAPI_API int SimSetFinanceReply(int kind, int mode);
 }
 
 #endif  // KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_

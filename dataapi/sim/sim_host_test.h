@@ -40,6 +40,14 @@ class Recorder final : public CDataApiCallBack {
   int OnRespNewIssueList(const void* r) override { return Keep("new issues", r, kNewIssueRule); }
   int OnRespHKRateData(const void* r) override { return Keep("rates", r, kHKRateRule); }
   int OnRespLatestShareData(const void* r) override { return Keep("share capital", r, kLatestShareRule); }
+  int OnRespBalanceSheetData(const void* r) override { return Keep("balance", r, kBalanceRule); }
+  int OnRespIncomeStatData(const void* r) override { return Keep("income", r, kIncomeRule); }
+  int OnRespCashFlowData(const void* r) override { return Keep("cash flow", r, kCashFlowRule); }
+  int OnRespFinancialData(const void* r) override { return Keep("per share", r, kFinancialRule); }
+  int OnRespShareData(const void* r) override { return Keep("capital", r, kShareRule); }
+  int OnRespSHNumberData(const void* r) override { return Keep("holder count", r, kSHNumberRule); }
+  int OnRespMostShareHolderData(const void* r) override { return Keep("top ten", r, kTopHolderRule); }
+  int OnRespNegotiableShareHolderData(const void* r) override { return Keep("top ten tradable", r, kTopHolderRule); }
   int OnTickL1(const void* r) override {
     if (on_tick_) on_tick_();
     return Keep("l1", r, kTickL1Rule);

@@ -46,7 +46,9 @@ kq_exports=$(exports "$bin/kelquote.dll")
 # table, type information.
 entity() { echo "^_Z(NK?|T[VIS]N)4tavr${#1}$1"; }
 grep -qx getKelClient <<<"$kq_exports" || problem "kelquote.dll does not export getKelClient"
-for cls in KelQuoteClient BaseQuoteClient DraVikIData; do
+for cls in KelQuoteClient BaseQuoteClient DraVikIData DravikCBalanceSheet DravikCShareIncome DravikCShareCashFlow \
+  DravikCPerShare DravikCCapitalStructure Dravik_Cshare_holder_number Dravik_Ctop10_share_holder_base_info \
+  Dravik_Ctop10_share_holder Dravik_Ctop10_flow_share_holder; do
   grep -Eq "$(entity "$cls")" <<<"$kq_exports" || problem "kelquote.dll exports nothing of tavr::$cls"
 done
 # Everything else stays inside: only getKelClient and what belongs to the
