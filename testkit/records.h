@@ -113,6 +113,33 @@ std::vector<uint8_t> level2(const std::vector<Record>& records) {
   return reply(ApiL2Head{0, static_cast<int32_t>(records.size())}, records);
 }
 
+// A history bar block of elements (ApiHisBar, or ApiHisBarTick for type 14).
+template <typename Element>
+std::vector<uint8_t> his_bars(int16_t id, int32_t market_id, const std::string& code, int32_t kline_type, bool last,
+                              const std::vector<Element>& elements) {
+  ApiHisDataRsp head{};
+  head.request_id = id;
+  head.market_id = market_id;
+  set_text(head.code, code);
+  head.kline_type = kline_type;
+  head.count = static_cast<int32_t>(elements.size());
+  head.last = last ? 1 : 0;
+  return reply(head, elements);
+}
+
+// A history tick block: Head is ApiL1NewHisTickResp or ApiHisTickKcbResp.
+template <typename Head, typename Element>
+std::vector<uint8_t> his_ticks(int16_t id, int32_t market_id, const std::string& code, bool last,
+                               const std::vector<Element>& elements) {
+  Head head{};
+  head.request_id = id;
+  head.market_id = market_id;
+  set_text(head.code, code);
+  head.count = static_cast<int32_t>(elements.size());
+  head.last = last ? 1 : 0;
+  return reply(head, elements);
+}
+
 }  // namespace testkit
 
 #endif  // KELQUOTE_TESTKIT_RECORDS_H_
