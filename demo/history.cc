@@ -25,14 +25,8 @@ struct Answer {
 
 bool Ask(tavr::BaseQuoteClient& client, const std::string& code, int32_t meta_id, int64_t period, int64_t start,
          int64_t end, Answer& answer) {
-  quoter::TSMetaInfo meta;
-  meta.market = "SH";
-  meta.code = code;
-  meta.metaId = meta_id;
-  meta.period = period;
-  quoter::TRegionInfo region;
-  region.startTime = start;
-  region.endTime = end;
+  quoter::TSMetaInfo meta{"SH", code, meta_id, period};
+  quoter::TRegionInfo region{start, end, 0};
   client.requestHistoryQuote(meta, region, "", [&answer](se::EQuoteSubStatus status, const tavr::QuoteRecords& records,
                                                          se::EDataArrivedTag tag) {
     std::lock_guard<std::mutex> lock(answer.mu);

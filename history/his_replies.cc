@@ -31,12 +31,15 @@ struct Texts {
   std::string received, no_market, not_ready, no_code, not_found, in_progress, returned, short_block, bad_count;
 };
 
+constexpr char kAfterHoursTag[] = "[ApiHisTickKcbResp]";
+constexpr char kLevel1Tag[] = "[ApiL1NewHisTickResp]";
+
 struct BarBlock {
   using Head = ApiHisDataRsp;
   static constexpr const char* kTag = "[ApiHisDataRsp]";
   static const Texts& texts() {
     // The bar handler counts its blocks under the level-1 tick handler's tag.
-    static const Texts t(kTag, "[ApiL1NewHisTickResp]");
+    static const Texts t(kTag, kLevel1Tag);
     return t;
   }
   static bool last(const Head& h) { return h.last != 0; }
@@ -50,33 +53,25 @@ struct BarBlock {
   }
 };
 
-struct AfterHoursBlock {
-  using Head = ApiHisTickKcbResp;
-  static constexpr const char* kTag = "[ApiHisTickKcbResp]";
+using TickConverter = void (*)(const uint8_t*, size_t, const HisBlock&, QuoteRecords&);
+
+template <typename HeadType, typename Element, const char* Tag, TickConverter Convert>
+struct TickBlock {
+  using Head = HeadType;
+  static constexpr const char* kTag = Tag;
   static const Texts& texts() {
-    static const Texts t(kTag, kTag);
+    static const Texts t(Tag, Tag);
     return t;
   }
   static bool last(const Head& h) { return h.last != 0; }
-  static size_t element_size(const Head&) { return sizeof(ApiHisTickKcb); }
+  static size_t element_size(const Head&) { return sizeof(Element); }
   static void convert(const Head&, const uint8_t* elements, size_t n, const HisBlock& b, QuoteRecords& out) {
-    convert_after_hours_ticks(elements, n, b, out);
+    Convert(elements, n, b, out);
   }
 };
 
-struct Level1Block {
-  using Head = ApiL1NewHisTickResp;
-  static constexpr const char* kTag = "[ApiL1NewHisTickResp]";
-  static const Texts& texts() {
-    static const Texts t(kTag, kTag);
-    return t;
-  }
-  static bool last(const Head& h) { return h.last != 0; }
-  static size_t element_size(const Head&) { return sizeof(ApiHisTickL1); }
-  static void convert(const Head&, const uint8_t* elements, size_t n, const HisBlock& b, QuoteRecords& out) {
-    convert_level1_ticks(elements, n, b, out);
-  }
-};
+using AfterHoursBlock = TickBlock<ApiHisTickKcbResp, ApiHisTickKcb, kAfterHoursTag, &convert_after_hours_ticks>;
+using Level1Block = TickBlock<ApiL1NewHisTickResp, ApiHisTickL1, kLevel1Tag, &convert_level1_ticks>;
 
 // Elements that a block of size bytes holds: the count, or fewer when the
 // bytes end first. A negative count converts nothing.

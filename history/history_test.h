@@ -42,15 +42,8 @@ class HistoryTest : public ::testing::Test {
   // A request straight to the data manager.
   uint16_t request(const std::string& market, const std::string& code, int32_t meta_id, int64_t period, int64_t start,
                    int64_t end, char kind = 1) {
-    quoter::TSMetaInfo meta;
-    meta.market = market;
-    meta.code = code;
-    meta.metaId = meta_id;
-    meta.period = period;
-    quoter::TRegionInfo region;
-    region.startTime = start;
-    region.endTime = end;
-    region.count = 7;
+    quoter::TSMetaInfo meta{market, code, meta_id, period};
+    quoter::TRegionInfo region{start, end, 7};
     return fx_.mgr().request_his_kline(meta, region, market, kind);
   }
 
@@ -63,14 +56,8 @@ class HistoryTest : public ::testing::Test {
   // the request went out with.
   int16_t host_request(const std::string& host_market, const std::string& code, int32_t meta_id, int64_t period,
                        int64_t start, int64_t end) {
-    quoter::TSMetaInfo meta;
-    meta.market = host_market;
-    meta.code = code;
-    meta.metaId = meta_id;
-    meta.period = period;
-    quoter::TRegionInfo region;
-    region.startTime = start;
-    region.endTime = end;
+    quoter::TSMetaInfo meta{host_market, code, meta_id, period};
+    quoter::TRegionInfo region{start, end, 0};
     fx_.api().clear_calls();
     fx_.client().requestHistoryQuote(meta, region, "", [this](se::EQuoteSubStatus status, const QuoteRecords& records,
                                                               se::EDataArrivedTag tag) {

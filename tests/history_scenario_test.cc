@@ -34,14 +34,8 @@ class HistoryScenarioTest : public ::testing::Test {
     QuoteRecords records;
   };
   Answer Ask(const std::string& code, int32_t meta_id, int64_t period, int64_t start, int64_t end) {
-    quoter::TSMetaInfo meta;
-    meta.market = "SH";
-    meta.code = code;
-    meta.metaId = meta_id;
-    meta.period = period;
-    quoter::TRegionInfo region;
-    region.startTime = start;
-    region.endTime = end;
+    quoter::TSMetaInfo meta{"SH", code, meta_id, period};
+    quoter::TRegionInfo region{start, end, 0};
     Answer answer;
     std::mutex mu;
     std::condition_variable cv;

@@ -43,23 +43,23 @@ class SimHistoryTest : public ::testing::Test {
     }
     return nullptr;
   }
-  std::vector<Bytes> Bars(int market_id, const std::string& code, int32_t type, int32_t first, int32_t last) {
-    HisBarRequest r{};
-    r.request_id = 42;
+  template <typename Request>
+  static Request Make(uint16_t id, int market_id, const std::string& code, int32_t first, int32_t last) {
+    Request r{};
+    r.request_id = id;
     r.market = market_id;
     std::strncpy(r.code, code.c_str(), sizeof(r.code) - 1);
-    r.kline_type = type;
     r.start_date = first;
     r.end_date = last;
+    return r;
+  }
+  std::vector<Bytes> Bars(int market_id, const std::string& code, int32_t type, int32_t first, int32_t last) {
+    auto r = Make<HisBarRequest>(42, market_id, code, first, last);
+    r.kline_type = type;
     return history_blocks(universe_, HistoryKind::kBars, &r);
   }
   std::vector<Bytes> Ticks(HistoryKind kind, int market_id, const std::string& code, int32_t first, int32_t last) {
-    HisTickRequest r{};
-    r.request_id = 43;
-    r.market = market_id;
-    std::strncpy(r.code, code.c_str(), sizeof(r.code) - 1);
-    r.start_date = first;
-    r.end_date = last;
+    auto r = Make<HisTickRequest>(43, market_id, code, first, last);
     return history_blocks(universe_, kind, &r);
   }
 
