@@ -108,18 +108,18 @@ TEST_F(HistoryTest, RangesOperationsAndRecordsSent) {
     if (c.type != 0) {
       ASSERT_EQ(calls[0].bytes.size(), sizeof(HisBarRequest));
       auto r = testkit::record_of<HisBarRequest>(calls[0]);
-      EXPECT_EQ(r.kline_type, c.type) << what;
-      EXPECT_EQ(r.start_date, c.start_date) << what;
-      EXPECT_EQ(r.end_date, c.end_date) << what;
-      EXPECT_EQ(r.zero, 0);
-      EXPECT_EQ(r.one, 1);
+      EXPECT_EQ(+r.kline_type, c.type) << what;
+      EXPECT_EQ(+r.start_date, c.start_date) << what;
+      EXPECT_EQ(+r.end_date, c.end_date) << what;
+      EXPECT_EQ(+r.zero, 0);
+      EXPECT_EQ(+r.one, 1);
     } else {
       ASSERT_EQ(calls[0].bytes.size(), sizeof(HisTickRequest));
       auto r = testkit::record_of<HisTickRequest>(calls[0]);
-      EXPECT_EQ(r.start_date, c.start_date) << what;
-      EXPECT_EQ(r.end_date, c.end_date) << what;
-      EXPECT_EQ(r.zero, 0);
-      EXPECT_EQ(r.one, 1);
+      EXPECT_EQ(+r.start_date, c.start_date) << what;
+      EXPECT_EQ(+r.end_date, c.end_date) << what;
+      EXPECT_EQ(+r.zero, 0);
+      EXPECT_EQ(+r.one, 1);
     }
     uint16_t sent_id;
     int32_t market_id;
