@@ -1,26 +1,11 @@
 #include <cstring>
 
-#include "history/his_dates.h"
 #include "history/history_test.h"
 
 namespace tavr {
 namespace {
 
 const char kReq[] = "[DvDataMgr::request_his_kline]: ";
-
-TEST(HisDates, StepBackOverMonthYearAndLeapDays) {
-  EXPECT_EQ(days_before(20240301, 5), 20240225);
-  EXPECT_EQ(days_before(20230301, 5), 20230224);
-  EXPECT_EQ(days_before(20240103, 5), 20231229);
-  EXPECT_EQ(days_before(20240230, 5), 20240230);  // not a date: kept
-  EXPECT_EQ(months_before(20240630, 4), 20240229);
-  EXPECT_EQ(months_before(20230731, 4), 20230331);
-  EXPECT_EQ(months_before(20230630, 4), 20230228);
-  EXPECT_EQ(months_before(20240131, 4), 20230930);
-  EXPECT_EQ(months_before(20000731, 5), 20000229);  // 2000 is a leap year, 1900 is not
-  EXPECT_EQ(months_before(19000630, 4), 19000228);
-  EXPECT_EQ(months_before(20231301, 4), 20231301);
-}
 
 TEST_F(HistoryTest, RefusedRequestsSendNothing) {
   struct Case {
@@ -78,6 +63,7 @@ TEST_F(HistoryTest, RangesOperationsAndRecordsSent) {
       {"SH", "600000", 3001, kMinute, 0, ms(20230630, 100000), "ReqHisData", 7, 20230228, 20230630},
       // Ticks: five days back; after hours only from 15:00:00 on the boards that trade then.
       {"SZ", "000001", 3000, 0, 0, ms(20240301, 100000), "ReqL1NewHisTick", 0, 20240225, 20240301},
+      {"SZ", "000001", 3000, 0, 0, ms(20240103, 100000), "ReqL1NewHisTick", 0, 20231229, 20240103},
       {"SZ", "300001", 3000, 0, ms(20240919, 150000), ms(20240919, 153000), "ReqHisTickKcb", 0, 20240919, 20240919},
       {"SZ", "300001", 3000, 0, ms(20240919, 145959), ms(20240919, 153000), "ReqL1NewHisTick", 0, 20240919,
        20240919},
@@ -103,24 +89,19 @@ TEST_F(HistoryTest, RangesOperationsAndRecordsSent) {
     auto calls = fx_.api().calls();
     ASSERT_EQ(calls.size(), 1u) << what;
     EXPECT_EQ(calls[0].op, c.op) << what;
+    // Bars carry their K-line type before the dates; both end on 0 and 1.
+    const size_t dates_at = c.type != 0 ? 42 : 38;
+    ASSERT_EQ(calls[0].bytes.size(), dates_at + 16) << what;
     const uint8_t* bytes = calls[0].bytes.data();
+    int32_t tail[5] = {};
+    std::memcpy(tail, bytes + 38, calls[0].bytes.size() - 38);
+    if (c.type != 0) EXPECT_EQ(tail[0], c.type) << what;
+    const int32_t* dates = c.type != 0 ? tail + 1 : tail;
+    EXPECT_EQ(dates[0], c.start_date) << what;
+    EXPECT_EQ(dates[1], c.end_date) << what;
+    EXPECT_EQ(dates[2], 0);
+    EXPECT_EQ(dates[3], 1);
     size_t code_len = std::strlen(c.code);
-    if (c.type != 0) {
-      ASSERT_EQ(calls[0].bytes.size(), sizeof(HisBarRequest));
-      auto r = testkit::record_of<HisBarRequest>(calls[0]);
-      EXPECT_EQ(+r.kline_type, c.type) << what;
-      EXPECT_EQ(+r.start_date, c.start_date) << what;
-      EXPECT_EQ(+r.end_date, c.end_date) << what;
-      EXPECT_EQ(+r.zero, 0);
-      EXPECT_EQ(+r.one, 1);
-    } else {
-      ASSERT_EQ(calls[0].bytes.size(), sizeof(HisTickRequest));
-      auto r = testkit::record_of<HisTickRequest>(calls[0]);
-      EXPECT_EQ(+r.start_date, c.start_date) << what;
-      EXPECT_EQ(+r.end_date, c.end_date) << what;
-      EXPECT_EQ(+r.zero, 0);
-      EXPECT_EQ(+r.one, 1);
-    }
     uint16_t sent_id;
     int32_t market_id;
     std::memcpy(&sent_id, bytes, 2);

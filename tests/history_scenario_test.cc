@@ -4,7 +4,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,7 +13,6 @@
 #include "kelquote/KelQuoteClient.h"
 #include "testkit/log_capture.h"
 #include "testkit/work_dir.h"
-#include "utils/utils.h"
 
 namespace tavr {
 namespace {
@@ -65,15 +63,13 @@ TEST_F(HistoryScenarioTest, BarsOfAShareArriveInOrderUpToTheLastBlock) {
   ASSERT_TRUE(ok);
   std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
   client_.getStockList("SH", 0, list);  // waits for the market
-  ASSERT_FALSE(list.empty());
-  std::string code = "600000";
   std::vector<int64_t> days;
   client_.getTradeDateList("SH", days);
-  ASSERT_GE(days.size(), 300u);
+  ASSERT_GT(days.size(), 1500u);
 
   // Daily bars of about six years: several blocks, one bar a trading day.
   const int64_t first = days[days.size() - 1500];
-  Answer daily = Ask(code, 3001, 86400000, first, days.back() + 1);
+  Answer daily = Ask("600000", 3001, 86400000, first, days.back() + 1);
   ASSERT_GE(daily.tags.size(), 2u);
   for (size_t i = 0; i + 1 < daily.tags.size(); ++i) EXPECT_EQ(daily.tags[i], se::kArrivedPartial);
   std::vector<int64_t> expected(days.end() - 1500, days.end());
@@ -84,16 +80,6 @@ TEST_F(HistoryScenarioTest, BarsOfAShareArriveInOrderUpToTheLastBlock) {
     ASSERT_EQ(bar->time, expected[i]);
     EXPECT_GT(bar->close, 0);
   }
-
-  // One-minute bars of the day before, each stamped with the end of its minute.
-  const int64_t day = days[days.size() - 2];
-  Answer minutes = Ask(code, 3001, 60000, day, day + 86399000);
-  ASSERT_EQ(minutes.records.size(), 240u);
-  const int32_t date = static_cast<int32_t>(utils::millisecondsToTime(day) / 1000000);
-  EXPECT_EQ(minutes.records.front()->time, utils::timeToMilliseconds(date, 93100));
-  EXPECT_EQ(minutes.records[119]->time, utils::timeToMilliseconds(date, 113000));
-  EXPECT_EQ(minutes.records[120]->time, utils::timeToMilliseconds(date, 130100));
-  EXPECT_EQ(minutes.records.back()->time, utils::timeToMilliseconds(date, 150000));
   EXPECT_FALSE(log_.contains("not found corresponding record!"));
 }
 
