@@ -95,7 +95,9 @@ TEST_F(HistoryTest, RangesOperationsAndRecordsSent) {
     const uint8_t* bytes = calls[0].bytes.data();
     int32_t tail[5] = {};
     std::memcpy(tail, bytes + 38, calls[0].bytes.size() - 38);
-    if (c.type != 0) EXPECT_EQ(tail[0], c.type) << what;
+    if (c.type != 0) {
+      EXPECT_EQ(tail[0], c.type) << what;
+    }
     const int32_t* dates = c.type != 0 ? tail + 1 : tail;
     EXPECT_EQ(dates[0], c.start_date) << what;
     EXPECT_EQ(dates[1], c.end_date) << what;
