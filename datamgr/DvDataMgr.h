@@ -39,7 +39,11 @@ struct DataMsg {
   uint32_t msg_type = 0;
   void* data = nullptr;
   size_t size = 0;
-  uint32_t key = 0;  // ordering key: messages of one key are handled in order, by one thread
+  // Stream key: the messages of one key are handled in order by one service
+  // thread. 0 for replies, which any service thread takes.
+  uint32_t key = 0;
+  // A reply's strand (one request's blocks): handled in order, one at a time.
+  uint32_t strand = 0;
   uint64_t seq = 0;  // arrival number, set by the queue
   // Payload room of a block the queue recycles; 0 when data and envelope
   // were allocated apart (malloc and new).
@@ -83,6 +87,11 @@ class DvDataMgr {
   // A message with room for size payload bytes, to fill and push; null when
   // memory is out. Any thread.
   DataMsg* alloc_msg(size_t size) { return queue_.alloc(size); }
+  // Whether the queue has room for a record of size bytes (any thread); the
+  // bytes it holds; its limit (MsgQueue::kDefaultLimit unless set).
+  bool queue_admits(size_t size) const { return queue_.admit(size); }
+  size_t queue_held_bytes() const { return queue_.held_bytes(); }
+  void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
 
   // Thread bodies; the argument is the data manager.
   static unsigned DataServiceThread(void* mgr);
@@ -210,10 +219,18 @@ class DvDataMgr {
   size_t queue_size() const;
 
  private:
-  void service_loop(int shard);
+  void service_loop(int server);
+  void stand_in_loop(int slot);
+  static unsigned StandInThread(void* slot);
+  // Handles msg and, when it belongs to a strand, the strand's messages
+  // that queued up meanwhile.
+  void handle_chain(int server, DataMsg* msg);
   void timer_loop();
-  void handle_msg(int shard, DataMsg* msg);
+  void handle_msg(int server, DataMsg* msg);
   void end_service_threads();
+  // A service thread is about to wait for a reply: when no other server is
+  // left to take replies, a stand-in starts.
+  void enter_blocked();
   void seed_markets();
 
   struct Level2Stream {
@@ -251,6 +268,19 @@ class DvDataMgr {
 
   MsgQueue queue_;
   std::atomic<int> next_shard_{0};  // hands each service thread its shard
+
+  // Servers taking replies (service threads and stand-ins), and how many of
+  // them wait inside waitDynamicTime.
+  std::mutex stand_in_mu_;
+  int serving_ = 0;
+  std::atomic<int> blocked_{0};
+  struct StandIn {
+    DvDataMgr* mgr = nullptr;
+    int slot = 0;
+    ThreadHandle thread = nullptr;
+    bool live = false;  // guarded by stand_in_mu_
+  };
+  StandIn stand_ins_[MsgQueue::kMaxStandIns];
 
   // Messages pushed and not yet handled, for wait_idle.
   std::atomic<int64_t> pending_{0};

@@ -2,6 +2,7 @@
 // record, nothing else on the vendor's thread.
 #include "datamgr/callback_pro.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -21,7 +22,8 @@ constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, Shape::kHe
 constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
 constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1,
                            CopyRule::Key::kTickL1};
-constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1};
+constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
 constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
 constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
@@ -60,9 +62,11 @@ constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 39, 
 constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 40, Shape::kHeadPlus, 2242, 2200,
                                38, false, false, 1};
 constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 12, Shape::kHeadPlus, 138, 80, 54, false, false,
-                            1};
+                            1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 11, Shape::kHeadPlus, 272, 214, 54, false, false,
-                              1};
+                              1,
+                           CopyRule::Key::kRequest};
 constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 5, Shape::kHeadPlus, 255, 249, 2, false,
                                false, 1,
                                CopyRule::Key::kMarket};
@@ -105,6 +109,7 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
   const auto* bytes = static_cast<const uint8_t*>(block);
   switch (kind) {
     case CopyRule::Key::kNone:
+    case CopyRule::Key::kRequest:
       return 0;
     case CopyRule::Key::kTickL1:
       return size >= 37 ? HashKey(bytes[0], bytes + 1, 36) : 0;
@@ -114,6 +119,11 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
       return size >= 44 ? HashKey(ReadAt<uint32_t>(block, 8), bytes + 12, 32) : 0;
   }
   return 0;
+}
+
+uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size) {
+  if (kind != CopyRule::Key::kRequest || size < 2) return 0;
+  return 0x10000u | ReadAt<uint16_t>(block, 0);
 }
 
 size_t copy_size(const CopyRule& rule, const void* record) {
@@ -149,6 +159,10 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
                      static_cast<long long>(CountOf(rule, record)));
     return -1;
   }
+  if (!mgr_->queue_admits(size + rule.spare)) {
+    Dropped(rule);
+    return -1;
+  }
   DataMsg* msg = mgr_->alloc_msg(size + rule.spare);
   if (msg == nullptr) {
     CMyLog::PrintLog(LOG_ERROR, rule.name, "分配地址空间出错...");
@@ -158,8 +172,22 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   msg->msg_type = rule.msg_type;
   msg->size = size;
   msg->key = ordering_key(rule.key, msg->data, size);
+  msg->strand = strand_of(rule.key, msg->data, size);
   mgr_->push_msg(msg);
   return 0;
+}
+
+void CMyCallBackPro::Dropped(const CopyRule& rule) {
+  int64_t total = dropped_.fetch_add(1, std::memory_order_relaxed) + 1;
+  int64_t now = static_cast<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now().time_since_epoch())
+                                         .count());
+  int64_t last = drop_logged_at_ms_.load(std::memory_order_relaxed);
+  if (now - last < 1000 || !drop_logged_at_ms_.compare_exchange_strong(last, now)) return;
+  int64_t before = dropped_logged_.exchange(total);
+  CMyLog::PrintLog(LOG_ERROR, rule.name, "Queue full[%zu bytes], %lld callbacks dropped (%lld in all)...",
+                   mgr_->queue_held_bytes(), static_cast<long long>(total - before),
+                   static_cast<long long>(total));
 }
 
 int CMyCallBackPro::OnMarketInit(const void* r) { return Queue(kMarketInit, r); }

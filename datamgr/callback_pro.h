@@ -5,6 +5,7 @@
 #define KELQUOTE_DATAMGR_CALLBACK_PRO_H_
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 
 #include "dataapi/DataApi.h"
@@ -31,7 +32,8 @@ struct CopyRule {
   bool count_u32;        // unsigned 32-bit count
   size_t spare;          // bytes allocated beyond the copy
   enum class Key : uint8_t {
-    kNone,    // replies: handled in arrival order with each other
+    kNone,     // replies: taken by any service thread
+    kRequest,  // a request's reply blocks (request id at 0): one strand
     kTickL1,  // market byte at 0, code at 1
     kMarket,  // market at 0: whole-market packages of one market in order
     kLevel2,  // the first record's market at 8 and code at 12
@@ -39,9 +41,11 @@ struct CopyRule {
   Key key = Key::kNone;
 };
 
-// The ordering key of a copied record: equal for the records of one
+// The stream key of a copied record: equal for the records of one
 // instrument (or one market's packages), 0 for replies.
 uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size);
+// The strand of a copied reply: one per request id, 0 for none.
+uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size);
 
 // Largest copy the adapter makes. A count implying more is a broken record:
 // no real reply comes near it (a whole market is a few MiB).
@@ -97,8 +101,14 @@ class CMyCallBackPro : public CDataApiCallBack {
   // Copies record under rule into a new message and queues it: 0, or -1 when
   // nothing was queued.
   int Queue(const CopyRule& rule, const void* record);
+  // Counts a record the full queue refused, and says so at most once a
+  // second while refusals last.
+  void Dropped(const CopyRule& rule);
 
   DvDataMgr* mgr_;
+  std::atomic<int64_t> dropped_{0};
+  std::atomic<int64_t> dropped_logged_{0};
+  std::atomic<int64_t> drop_logged_at_ms_{-1000000};
 };
 
 }  // namespace tavr

@@ -10,6 +10,7 @@
 #include "datamgr/DvDataMgr.h"
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
+#include "testkit/records.h"
 #include "testkit/work_dir.h"
 
 namespace tavr {
@@ -264,6 +265,42 @@ TEST_F(CallbackProTest, SlotsTheAdapterDoesNotServeQueueNothing) {
   std::vector<uint8_t> record(64, 1);
   EXPECT_TRUE(DeliverRecord(&CDataApiCallBack::OnRespUnused13, record).empty());
   EXPECT_TRUE(DeliverRecord(&CDataApiCallBack::OnRespUnused41, record).empty());
+}
+
+// While nothing drains the queue (the service stopped), callbacks beyond the
+// limit are refused and counted, with one line a second, not one a record;
+// once drained, the queue takes records again.
+TEST(CallbackLimitTest, AFullQueueDropsAndCountsCallbacks) {
+  testkit::WorkDir dir;
+  dir.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
+                                                 testkit::servers_xml(1) + "</history>"));
+  testkit::LogCapture log;
+  testkit::FakeDataApi api;
+  DvDataMgr mgr;
+  mgr.set_api(&api);
+  mgr.set_processor_count(2);
+  ASSERT_TRUE(mgr.init(true));
+  log.enable_all_levels();
+  mgr.set_queue_limit(64 << 10);
+  ApiL1Tick tick = testkit::l1_tick(2, "600000", 93000, 10.0f);
+  int queued = 0;
+  for (int i = 0; i < 2000; ++i) queued += mgr.callback()->OnTickL1(&tick) == 0 ? 1 : 0;
+  EXPECT_GT(queued, 100);
+  EXPECT_LT(queued, 2000);
+  EXPECT_LE(mgr.queue_held_bytes(), size_t{64} << 10);
+  EXPECT_EQ(mgr.queue_size(), static_cast<size_t>(queued));
+  EXPECT_EQ(log.count("Queue full["), 1u) << log.dump();
+  EXPECT_TRUE(log.contains("callbacks dropped (1 in all)..."));
+
+  ASSERT_TRUE(mgr.start());
+  ASSERT_TRUE(mgr.wait_idle(5000));
+  int rc = -1;
+  for (int i = 0; i < 200 && rc != 0; ++i) {
+    port::SleepMs(10);
+    rc = mgr.callback()->OnTickL1(&tick);
+  }
+  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(mgr.stop());
 }
 
 }  // namespace

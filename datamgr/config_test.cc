@@ -1,5 +1,8 @@
 #include "datamgr/config.h"
 
+#include <filesystem>
+#include <fstream>
+
 #include <gtest/gtest.h>
 
 #include "datamgr/DvDataMgr.h"
@@ -48,6 +51,11 @@ TEST_F(ConfigTest, DecryptFailuresAndBrokenDocumentsAreReported) {
   std::filesystem::create_directory("adir");
   EXPECT_FALSE(GetIPPort(quote_, history_, massive_, true, "./adir"));
   EXPECT_TRUE(log_.contains("[./adir]: fail to read!"));
+  // Refused by its size alone, not read into memory first.
+  { std::ofstream("huge.dat") << "<dravik>"; }
+  std::filesystem::resize_file("huge.dat", std::uintmax_t{1} << 30);
+  EXPECT_FALSE(GetIPPort(quote_, history_, massive_, true, "./huge.dat"));
+  EXPECT_TRUE(log_.contains("[./huge.dat]: fail to read!"));
 
   EXPECT_FALSE(Read("<dravik><hq>"));
   EXPECT_TRUE(log_.contains("xml parse error!!!"));

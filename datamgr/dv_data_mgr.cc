@@ -14,6 +14,9 @@ int service_thread_count(int processors) { return std::clamp(processors, 2, 20);
 
 namespace {
 
+// The data manager whose queue the calling thread serves, if any.
+thread_local DvDataMgr* t_serving = nullptr;
+
 bool ValidDate(int date) {
   int y = date / 10000, m = date / 100 % 100, d = date % 100;
   if (y < 1 || m < 1 || m > 12 || d < 1) return false;
@@ -90,6 +93,10 @@ bool DvDataMgr::start() {
     pending_.fetch_sub(1);
   }
   next_shard_.store(0);
+  {
+    std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
+    serving_ = thread_count_;
+  }
   threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
   for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
 
@@ -116,6 +123,19 @@ bool DvDataMgr::start() {
 void DvDataMgr::end_service_threads() {
   queue_.wake_all();
   for (int i = 0; i < thread_count_; ++i) thread_join(threads_[i]);
+  for (StandIn& stand_in : stand_ins_) {
+    ThreadHandle thread = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(stand_in_mu_);
+      std::swap(thread, stand_in.thread);
+    }
+    if (thread != nullptr) thread_join(thread);
+  }
+  {
+    std::lock_guard<std::mutex> lock(stand_in_mu_);
+    for (StandIn& stand_in : stand_ins_) stand_in.live = false;
+    serving_ = 0;
+  }
   zfree(threads_);
   threads_ = nullptr;
   thread_count_ = 0;
@@ -147,7 +167,7 @@ void DvDataMgr::push_msg(DataMsg* msg) {
 
 size_t DvDataMgr::queue_size() const { return queue_.size(); }
 
-void DvDataMgr::handle_msg(int shard, DataMsg* msg) {
+void DvDataMgr::handle_msg(int server, DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
                    "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
   try {
@@ -159,10 +179,18 @@ void DvDataMgr::handle_msg(int shard, DataMsg* msg) {
     CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",
                      "数据服务线程, do bussiness catch Exception!!!...");
   }
-  queue_.recycle(shard, msg);
+  queue_.recycle(server, msg);
   if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1 && idle_waiters_.load() > 0) {
     std::lock_guard<std::mutex> lock(idle_mu_);
     idle_cv_.notify_all();
+  }
+}
+
+void DvDataMgr::handle_chain(int server, DataMsg* msg) {
+  while (msg != nullptr) {
+    uint32_t strand = msg->strand;
+    handle_msg(server, msg);
+    msg = strand != 0 ? queue_.end_strand(strand) : nullptr;
   }
 }
 
@@ -172,26 +200,73 @@ unsigned DvDataMgr::DataServiceThread(void* mgr) {
   return 0;
 }
 
-void DvDataMgr::service_loop(int shard) {
+void DvDataMgr::service_loop(int server) {
+  t_serving = this;
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 begin...");
   while (running_.load(std::memory_order_acquire)) {
     DataMsg* msg = nullptr;
     try {
       // Take before waiting: wake-ups beyond the semaphore's maximum are lost,
       // so a thread drains what is queued instead of waiting once per message.
-      msg = queue_.take(shard);
+      msg = queue_.take(server);
       if (msg == nullptr) {
-        queue_.wait(shard);
-        msg = queue_.take(shard);
+        queue_.wait(server);
+        msg = queue_.take(server);
       }
     } catch (...) {
       CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread", "数据服务线程, run Exception!!!...");
       continue;
     }
-    if (msg == nullptr) continue;
-    handle_msg(shard, msg);
+    handle_chain(server, msg);
   }
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 exit...");
+  t_serving = nullptr;
+}
+
+void DvDataMgr::enter_blocked() {
+  int blocked = blocked_.fetch_add(1) + 1;
+  std::lock_guard<std::mutex> lock(stand_in_mu_);
+  if (!running_.load() || blocked < serving_) return;
+  for (StandIn& stand_in : stand_ins_) {
+    if (stand_in.live) continue;
+    // The slot's earlier thread has left its loop; only its handle remains.
+    if (stand_in.thread != nullptr) thread_join(stand_in.thread);
+    stand_in.mgr = this;
+    stand_in.slot = static_cast<int>(&stand_in - stand_ins_);
+    stand_in.live = true;
+    ++serving_;
+    stand_in.thread = thread_create(&DvDataMgr::StandInThread, &stand_in);
+    return;
+  }
+}
+
+unsigned DvDataMgr::StandInThread(void* arg) {
+  auto* stand_in = static_cast<StandIn*>(arg);
+  stand_in->mgr->stand_in_loop(stand_in->slot);
+  return 0;
+}
+
+// Takes replies while every service thread waits inside a handler; leaves
+// once it is idle and another server is free.
+void DvDataMgr::stand_in_loop(int slot) {
+  t_serving = this;
+  int server = MsgQueue::kMaxShards + slot;
+  while (running_.load(std::memory_order_acquire)) {
+    if (DataMsg* msg = queue_.take(server)) {
+      handle_chain(server, msg);
+      continue;
+    }
+    {
+      std::lock_guard<std::mutex> lock(stand_in_mu_);
+      if (serving_ - blocked_.load() > 1) {
+        --serving_;
+        stand_ins_[slot].live = false;
+        break;
+      }
+    }
+    queue_.wait_for(server, 50);
+  }
+  t_serving = nullptr;
 }
 
 bool DvDataMgr::wait_idle(int timeout_ms) {
@@ -228,6 +303,9 @@ void DvDataMgr::timer_loop() {
 }
 
 void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::string& market, char kind) {
+  // A service thread that waits here is not taking replies meanwhile.
+  bool serving = t_serving == this;
+  if (serving) enter_blocked();
   if (attempt > 5) {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待1000ms后开始处理![#%d]",
                      function, market.c_str(), kind, attempt);
@@ -237,6 +315,7 @@ void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::st
                      market.c_str(), kind, attempt);
     sleeper_ ? sleeper_(400) : port::SleepMs(400);
   }
+  if (serving) blocked_.fetch_sub(1);
 }
 
 void DvDataMgr::set_connected(bool connected) {

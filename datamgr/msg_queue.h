@@ -1,9 +1,17 @@
 // The queue between the vendor's callbacks and the service threads.
 //
-// One FIFO per service thread. A message goes to the FIFO its key selects,
-// so every message of one instrument is handled by one thread, in the order
-// the vendor sent it; messages without a key (key 0: replies, market data)
-// share the first FIFO and keep their order among themselves.
+// Two kinds of FIFO. A message with a stream key (an instrument's level-1 or
+// level-2 records, a market's packages) goes to the FIFO of the service
+// thread its key selects, so one stream is handled by one thread in the
+// order the vendor sent it, without any per-message coordination. Every
+// other message (the replies) goes to one shared FIFO that every service
+// thread takes from, so a handler that waits never holds up the reply that
+// ends its wait. A reply may carry a strand (one request's blocks): the
+// shared FIFO hands a strand's messages out one at a time, in order.
+//
+// Servers are numbered: 0 to n-1 are the service threads of activate(n),
+// whose FIFOs take stream messages; further slots up to kMaxServers serve
+// the shared FIFO only (stand-ins while every service thread is blocked).
 //
 // The queue also owns the memory of small messages: their blocks go back to
 // a spare list when handled, and the vendor's thread takes them from there.
@@ -18,6 +26,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "port/port.h"
@@ -29,6 +38,8 @@ struct DataMsg;
 class MsgQueue {
  public:
   static constexpr int kMaxShards = 20;
+  static constexpr int kMaxStandIns = 16;
+  static constexpr int kMaxServers = kMaxShards + kMaxStandIns;
 
   MsgQueue();
   ~MsgQueue();  // frees whatever is still queued
@@ -41,44 +52,82 @@ class MsgQueue {
   // A message with room for size payload bytes, null when memory is out.
   // Any thread.
   DataMsg* alloc(size_t size);
+  // Whether a record of size bytes fits beside what the queue holds; false
+  // once the queue holds its limit. Any thread.
+  bool admit(size_t size) const { return held_bytes() + size <= limit_.load(std::memory_order_relaxed); }
+  void set_limit(size_t bytes) { limit_.store(bytes, std::memory_order_relaxed); }
+  // Bytes of the messages queued or being handled.
+  size_t held_bytes() const {
+    size_t freed = freed_bytes_.load(std::memory_order_relaxed);
+    size_t pushed = pushed_bytes_.load(std::memory_order_relaxed);
+    return pushed > freed ? pushed - freed : 0;
+  }
+  static constexpr size_t kDefaultLimit = size_t{256} << 20;
+
   // Appends msg; ownership passes to the queue. Any thread.
   void push(DataMsg* msg);
-  // Disposes of a handled message. Only the thread of shard.
-  void recycle(int shard, DataMsg* msg);
-  // The oldest message of shard, or null.
-  DataMsg* take(int shard);
-  // Blocks until shard may hold a message (or wake_all), after a short spin
+  // Disposes of a handled message. Only the thread of server.
+  void recycle(int server, DataMsg* msg);
+  // The next message for server: a reply first, else the oldest of its own
+  // stream FIFO; null when there is none. A message with a strand must be
+  // followed by end_strand once handled.
+  DataMsg* take(int server);
+  // After a strand's message was handled: its next message, which the caller
+  // handles now, or null when the strand is idle again.
+  DataMsg* end_strand(uint32_t strand);
+  // Blocks until server may have a message (or wake_all), after a short spin
   // that spares the producer a wake-up while messages keep coming.
-  void wait(int shard);
-  // Wakes one waiter of each active shard.
+  void wait(int server);
+  // As wait, but returns after at most ms milliseconds.
+  void wait_for(int server, int ms);
+  // Wakes every server.
   void wake_all();
 
-  // Deals what is queued over n shards in arrival order. The oldest message
-  // is taken out and returned (null when nothing was queued): a message left
-  // from an earlier run is stale.
+  // Deals what is queued over n stream FIFOs in arrival order. The oldest
+  // message is taken out and returned (null when nothing was queued): a
+  // message left from an earlier run is stale. No server may be running.
   DataMsg* activate(int n);
   size_t size() const;
 
  private:
-  struct Shard {
+  struct alignas(64) Server {
     std::mutex mu;
     std::deque<DataMsg*> messages;
     port::Semaphore sem{0, 1024};
     std::atomic<size_t> depth{0};
-    // Set while the shard's thread may block on sem: only then does a push
+    // Set while the server's thread may block on sem: only then does a push
     // pay for a release.
     std::atomic<bool> sleeping{false};
-    // The shard's thread only: what it took from messages in one swap, and
+    // The server's thread only: what it took from messages in one swap, and
     // handled blocks on their way back.
     std::deque<DataMsg*> taken;
     std::vector<DataMsg*> spent;
+    size_t freed = 0;  // bytes handled and not yet added to freed_bytes_
   };
+  // What a message counts against the limit.
+  static size_t cost(const DataMsg* msg);
+  void add_freed(Server& server, size_t bytes);
 
-  Shard& shard_of(uint32_t key) { return shards_[key % static_cast<uint32_t>(active_.load(std::memory_order_acquire))]; }
+  void push_reply(DataMsg* msg);
+  DataMsg* take_reply();
+  bool has_work(const Server& server) const;
 
-  std::unique_ptr<Shard[]> shards_;
+  std::unique_ptr<Server[]> servers_;
   std::atomic<int> active_{1};
   std::atomic<uint64_t> seq_{0};
+  // Bytes pushed and bytes handled, written by the two sides apart; the
+  // service threads add theirs in batches.
+  alignas(64) std::atomic<size_t> pushed_bytes_{0};
+  alignas(64) std::atomic<size_t> freed_bytes_{0};
+  std::atomic<size_t> limit_{kDefaultLimit};
+
+  // The shared FIFO of replies, and the strands being handled: a strand's
+  // messages taken while it is busy wait here for end_strand.
+  mutable std::mutex replies_mu_;
+  std::deque<DataMsg*> replies_;
+  std::atomic<size_t> replies_depth_{0};
+  std::unordered_map<uint32_t, std::deque<DataMsg*>> busy_strands_;
+
   // Handled blocks come back to spare_ in batches; the vendor's threads
   // swap them all into ready_ at once, so neither side waits for the other
   // per message.

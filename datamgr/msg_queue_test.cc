@@ -95,5 +95,65 @@ TEST(MsgQueueTest, ASleepingShardWakesForEveryPush) {
   consumer.join();
 }
 
+// Stream messages pushed while activate deals out the ones left from an
+// earlier run land behind them, in a FIFO that a server of the new count
+// serves; a strand's replies come out one at a time, in order.
+TEST(MsgQueueTest, ActivateKeepsOrderWhilePushesRace) {
+  MsgQueue queue;
+  queue.activate(5);
+  constexpr uint32_t kKeys = 7;
+  uint32_t next[kKeys] = {};
+  for (uint32_t i = 0; i < 200; ++i) queue.push(Filled(queue, 8, 1 + i % kKeys, next[i % kKeys]++));
+  std::atomic<bool> go{false};
+  std::thread pusher([&] {
+    while (!go.load()) std::this_thread::yield();
+    for (uint32_t i = 0; i < 20000; ++i) queue.push(Filled(queue, 8, 1 + i % kKeys, next[i % kKeys]++));
+  });
+  go = true;
+  DataMsg* oldest = queue.activate(2);
+  ASSERT_NE(oldest, nullptr);
+  EXPECT_EQ(oldest->key, 1u);
+  EXPECT_EQ(ValueOf(oldest), 0u);
+  free_msg(oldest);
+  pusher.join();
+  uint32_t expected[kKeys] = {1};
+  size_t total = 0;
+  for (int server = 0; server < MsgQueue::kMaxServers; ++server) {
+    while (DataMsg* msg = queue.take(server)) {
+      EXPECT_LT(server, 2) << "a FIFO nobody serves";
+      EXPECT_EQ(ValueOf(msg), expected[msg->key - 1]++) << "key " << msg->key;
+      queue.recycle(server, msg);
+      ++total;
+    }
+  }
+  EXPECT_EQ(total, 20199u);
+
+  for (uint32_t i = 0; i < 6; ++i) {
+    DataMsg* msg = Filled(queue, 8, 0, i);
+    msg->strand = i < 4 ? 9 : 0;  // 0-3 one request's blocks, 4-5 plain replies
+    queue.push(msg);
+  }
+  DataMsg* first = queue.take(0);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(ValueOf(first), 0u);
+  // While the strand is busy, other servers get the plain replies only.
+  std::vector<uint32_t> others;
+  while (DataMsg* msg = queue.take(1)) {
+    others.push_back(ValueOf(msg));
+    queue.recycle(1, msg);
+  }
+  EXPECT_EQ(others, (std::vector<uint32_t>{4, 5}));
+  uint32_t strand = first->strand;
+  queue.recycle(0, first);
+  for (uint32_t i = 1; i < 4; ++i) {
+    DataMsg* msg = queue.end_strand(strand);
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(ValueOf(msg), i);
+    queue.recycle(0, msg);
+  }
+  EXPECT_EQ(queue.end_strand(strand), nullptr);
+  EXPECT_EQ(queue.size(), 0u);
+}
+
 }  // namespace
 }  // namespace tavr

@@ -86,6 +86,28 @@ TEST_F(ConnectionScenarioTest, AfterAFailureRequestsFailAtOnceUntilTheNextLogin)
   EXPECT_TRUE(mgr().pass_request_gate("Scenario::request"));
 }
 
+// A host that lists a market from inside the market's change notification
+// waits on a service thread for replies that other threads take.
+TEST_F(ConnectionScenarioTest, AHostListsAMarketFromInsideItsChangeNotification) {
+  std::promise<size_t> listed;
+  std::atomic<bool> asked{false};
+  client_.registerTradeDateAndStockListChangeCallBack([&](int kind, const std::string& host) {
+    if (kind != 1 || host != "SH" || asked.exchange(true)) return;
+    std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
+    client_.getStockList("SH", 0, list);
+    listed.set_value(list.size());
+  });
+  ASSERT_TRUE(Login().first);
+  std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> before;
+  client_.getStockList("SH", 0, before);
+  ASSERT_FALSE(before.empty());
+  ASSERT_EQ(SimChangeMarket(2), 0);
+  auto result = listed.get_future();
+  ASSERT_EQ(result.wait_for(5s), std::future_status::ready);
+  EXPECT_GE(result.get(), before.size());  // the change lists a new share
+  EXPECT_FALSE(log_.contains("初始化失败"));
+}
+
 TEST_F(ConnectionScenarioTest, ARefusedConnectFailsTheLoginWithTheTimeoutText) {
   SimRefuseConnect(1);
   auto [ok, text] = Login();

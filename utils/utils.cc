@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <mutex>
 
 #include "port/port.h"
 
@@ -14,6 +15,13 @@ double getTime() {
 
 namespace {
 
+// mktime is not thread-safe everywhere (it may reset the zone's globals), so
+// the rare calls that still need it go through one lock.
+std::mutex& MktimeLock() {
+  static std::mutex mu;
+  return mu;
+}
+
 int64_t LocalToEpochSeconds(int date, int hhmmss) {
   std::tm tm{};
   tm.tm_year = date / 10000 - 1900;
@@ -23,13 +31,49 @@ int64_t LocalToEpochSeconds(int date, int hhmmss) {
   tm.tm_min = hhmmss / 100 % 100;
   tm.tm_sec = hhmmss % 100;
   tm.tm_isdst = -1;
+  std::lock_guard<std::mutex> lock(MktimeLock());
   return static_cast<int64_t>(port::MakeLocalTime(&tm));
 }
 
-// mktime takes a global lock and reads the zone rules on every call; snapshots
-// arrive by the million with few distinct dates, so each thread remembers the
-// local midnight of its last date. The cache is used only for days whose UTC
-// offset is the same at both ends (no daylight-saving change that day).
+// Days from 1970-01-01 to a proleptic Gregorian date, month 1 to 12.
+int64_t DaysFromCivil(int64_t y, int m, int d) {
+  y -= m <= 2 ? 1 : 0;
+  int64_t era = (y >= 0 ? y : y - 399) / 400;
+  int64_t yoe = y - era * 400;
+  int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + doe - 719468;
+}
+
+// The zone's offset from UTC in force at t, in seconds (localtime_r is
+// thread-safe where mktime is not).
+bool OffsetAt(int64_t t, int64_t* offset) {
+  std::tm tm{};
+  if (!port::LocalTime(static_cast<std::time_t>(t), &tm)) return false;
+  int64_t local = DaysFromCivil(tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday) * 86400 + tm.tm_hour * 3600 +
+                  tm.tm_min * 60 + tm.tm_sec;
+  *offset = local - t;
+  return true;
+}
+
+// The local midnight of a date, month and day normalised as mktime does;
+// false for a day whose offset changes (daylight saving), which mktime
+// must decide.
+bool UniformMidnight(int date, int64_t* midnight) {
+  int y = date / 10000, m = date / 100 % 100, d = date % 100;
+  if (y < 1900 || y > 9999) return false;
+  int m0 = m - 1;  // -1 to 98
+  y += m0 < 0 ? -1 : m0 / 12;
+  m0 = (m0 % 12 + 12) % 12;
+  int64_t utc = (DaysFromCivil(y, m0 + 1, 1) + d - 1) * 86400;
+  int64_t guess = 0, offset = 0, end_offset = 0;
+  if (!OffsetAt(utc, &guess) || !OffsetAt(utc - guess, &offset)) return false;
+  *midnight = utc - offset;
+  return OffsetAt(*midnight + 86399, &end_offset) && end_offset == offset && guess == offset;
+}
+
+// Snapshots arrive by the million with few distinct dates, so each thread
+// remembers the local midnights of recent dates.
 struct DayCache {
   int date = -1;
   int64_t midnight = 0;
@@ -39,17 +83,17 @@ struct DayCache {
 }  // namespace
 
 int64_t timeToMilliseconds(int date, int hhmmss) {
-  thread_local DayCache cache;
+  thread_local DayCache cache[64];
   bool plain_time = hhmmss >= 0 && hhmmss % 100 < 60 && hhmmss / 100 % 100 < 60 && hhmmss < 240000;
   if (plain_time) {
-    if (cache.date != date) {
-      cache.date = date;
-      cache.midnight = LocalToEpochSeconds(date, 0);
-      cache.uniform = LocalToEpochSeconds(date, 235959) - cache.midnight == 86399;
+    DayCache& day = cache[static_cast<uint32_t>(date) % 64];
+    if (day.date != date) {
+      day.date = date;
+      day.uniform = UniformMidnight(date, &day.midnight);
     }
-    if (cache.uniform) {
+    if (day.uniform) {
       int64_t secs = hhmmss / 10000 * 3600 + hhmmss / 100 % 100 * 60 + hhmmss % 100;
-      return (cache.midnight + secs) * 1000;
+      return (day.midnight + secs) * 1000;
     }
   }
   return LocalToEpochSeconds(date, hhmmss) * 1000;

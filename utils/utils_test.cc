@@ -1,4 +1,9 @@
+#include <ctime>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include "port/port.h"
 
 #include "utils/utils.h"
 
@@ -15,13 +20,32 @@ TEST(UtilsTimeTest, MillisecondsRoundTripInLocalTime) {
   EXPECT_EQ(utils::timeToMilliseconds(20240229, 235959), utils::timeToMilliseconds(20240301, 0) - 1000);
 }
 
-TEST(UtilsTimeTest, CachedDateGivesSameResultAsFreshConversion) {
-  int64_t first = utils::timeToMilliseconds(20230615, 150000);
-  utils::timeToMilliseconds(20230616, 100000);  // move the cache to another date
-  EXPECT_EQ(utils::timeToMilliseconds(20230615, 150000), first);
-  EXPECT_EQ(utils::timeToMilliseconds(20230615, 150001) - first, 1000);
-  // An out-of-range time of day is normalised, not taken from the cache.
-  EXPECT_EQ(utils::timeToMilliseconds(20230615, 246000), utils::timeToMilliseconds(20230616, 10000));
+// The conversion that skips mktime gives mktime's result for every date it
+// meets, invalid ones (normalised) included, whatever its cache holds.
+TEST(UtilsTimeTest, DatesConvertAsMktimeDoes) {
+  auto reference = [](int date, int hhmmss) {
+    std::tm tm{};
+    tm.tm_year = date / 10000 - 1900;
+    tm.tm_mon = date / 100 % 100 - 1;
+    tm.tm_mday = date % 100;
+    tm.tm_hour = hhmmss / 10000;
+    tm.tm_min = hhmmss / 100 % 100;
+    tm.tm_sec = hhmmss % 100;
+    tm.tm_isdst = -1;
+    return static_cast<int64_t>(port::MakeLocalTime(&tm)) * 1000;
+  };
+  std::vector<int> dates = {19700101, 19991231, 20000229, 20240229, 20240230, 20240000, 20241301,
+                            20240100, 20239932, 21000301, 20380119, 20380120};
+  for (int y = 1971; y <= 2099; y += 3) {
+    for (int m = 1; m <= 12; m += 4) dates.push_back(y * 10000 + m * 100 + (y + m) % 31 + 1);
+  }
+  for (int round = 0; round < 2; ++round) {  // the second round is served from the cache
+    for (int date : dates) {
+      for (int hhmmss : {0, 93015, 235959, 246000, -1}) {
+        ASSERT_EQ(utils::timeToMilliseconds(date, hhmmss), reference(date, hhmmss)) << date << " " << hhmmss;
+      }
+    }
+  }
 }
 
 TEST(UtilsTextTest, SplitKeepsEmptyPieces) {
