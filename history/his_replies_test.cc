@@ -221,12 +221,16 @@ TEST_F(HistoryTest, ABlockWaitsForItsMarketAndGivesUpAfterTwentyWaits) {
   EXPECT_TRUE(logged(LOG_ERROR, "[ApiHisDataRsp]市场[DL]初始化失败，无法获取代码信息..."));
   EXPECT_TRUE(deliveries().empty());
 
-  // A block that arrives before its market's initialisation is served once it is in.
+  // A block queued before its market's initialisation waits for it, while
+  // the replies behind it initialise the market.
   fx_.mgr().set_sleeper([](int) { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
-  std::thread early([&] { fx_.deliver(13, block); });
-  ASSERT_TRUE(fx_.log().wait_for("[[ApiHisDataRsp]]DL-0信息正初始化，等待400ms![#2]"));
-  fx_.init_market(7, {testkit::code_init("a2501", "A", 0, 10)});
-  early.join();
+  const std::vector<ApiCodeInit> codes = {testkit::code_init("a2501", "A", 0, 10)};
+  CMyCallBackPro& vendor = *fx_.mgr().callback();
+  ASSERT_EQ(vendor.OnRespHisData(block.data()), 0);
+  ASSERT_TRUE(fx_.log().wait_for("[[ApiHisDataRsp]]DL-0信息正初始化，等待400ms![#1]"));
+  ASSERT_EQ(vendor.OnMarketInit(testkit::market_init(7, 20240919, codes).data()), 0);
+  ASSERT_EQ(vendor.OnRespRefInfo(testkit::ref_info(7, codes, 0, 1).data()), 0);
+  ASSERT_TRUE(fx_.mgr().wait_idle(10000));
   auto d = deliveries();
   ASSERT_EQ(d.size(), 1u);
   EXPECT_EQ(d[0].records.size(), 1u);
