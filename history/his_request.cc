@@ -121,7 +121,7 @@ uint16_t DvDataMgr::request_his_kline(const quoter::TSMetaInfo& meta, const quot
   if (end_date / 10000 - start_date / 10000 > 10) {
     CMyLog::PrintLog(LOG_INFO, kFunction, "%s.%s HisKline %s Request (id = %d):[%ld - %ld] ....", c, m, p, id,
                      static_cast<long>(start_date), static_cast<long>(end_date));
-    if (type == kKLineTick) start_date = days_before(end_date, 5);
+    if (type == kKLineTick) start_date = add_days(end_date, -5);
     if (type == kKLineMinute) start_date = months_before(end_date, 4);
     if (type == kKLineDaily) start_date = static_cast<int32_t>(list_date);
   }
