@@ -1,5 +1,4 @@
 // Holiday and exchange-rate replies, and the trading-day lists built from them.
-#include <chrono>
 #include <cstring>
 
 #include "datamgr/DvDataMgr.h"
