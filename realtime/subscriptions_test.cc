@@ -106,18 +106,39 @@ TEST_F(SubscriptionsTest, WholeMarkets) {
   api().set_result("UnsubscribeMarketPush", -1);
   mgr().release_mkt_tick_push(10);
   EXPECT_TRUE(fx_.log().contains("Failed to send unsubscrib!!!"));
+}
 
-  // Through the client: options markets use mode 100.
+TEST_F(SubscriptionsTest, TheClientReleasesWhatItHoldsOnce) {
+  quoter::TSMetaInfo meta = Request("600000", 3000);
+  meta.market = "SH";
+  meta.period = 60000;
+  int id = fx_.client().subscribeQuote(meta, {}, "", nullptr);
+  EXPECT_TRUE(fx_.log().contains("[tavr::KelQuoteClient::subscribeQuote]: [id=21]Sub 600000.SH quote [60000]...."));
+  fx_.client().unsubscribe(id);
+  fx_.client().unsubscribe(id);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 1u);
+  EXPECT_FALSE(mgr().serial_in_use(21));
+  EXPECT_TRUE(fx_.log().contains("[tavr::KelQuoteClient::unsubscribe]: delete 600000.SH subscrib info...."));
+
+  int market = fx_.client().subWholeQuote("SH", [](const QuoteMap&) {});
+  EXPECT_EQ(market, 2);
+  fx_.client().unWholeQuote(market);
+  fx_.client().unWholeQuote(market);
+  auto cancels = api().calls("UnsubscribeMarketPush");
+  ASSERT_EQ(cancels.size(), 1u);
+  EXPECT_EQ(int32_t{testkit::record_of<ApiMarketItem>(cancels[0]).market}, 2);
+  // Options markets ride on their market's push: nothing is sent either way.
   EXPECT_EQ(fx_.client().subWholeQuote("SHO", [](const QuoteMap&) {}), 102);
+  fx_.client().unWholeQuote(102);
+  EXPECT_EQ(api().count("UnsubscribeMarketPush"), 1u);
 }
 
 TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
   std::atomic<bool> done{false};
   std::thread reader([&] {
     while (!done.load()) {
-      auto snapshot = mgr().subscriptions().snapshot();
-      auto [begin, end] = snapshot->subscribers.equal_range("600000.SH");
-      for (auto it = begin; it != end; ++it) ASSERT_GE(it->second.serial, 20);
+      auto list = mgr().subscriptions().subscribers("600000.SH");
+      for (const TickSubscription& entry : *list) ASSERT_GE(entry.serial, 20);
     }
   });
   for (int round = 0; round < 200; ++round) {
@@ -129,7 +150,7 @@ TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
   done = true;
   reader.join();
   EXPECT_EQ(count(), 0u);
-  EXPECT_TRUE(mgr().subscriptions().snapshot()->subscribers.empty());
+  EXPECT_EQ(mgr().subscriptions().keys(), 0u);
 }
 
 }  // namespace
