@@ -148,13 +148,6 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   client_.unsubscribe(41);
   ASSERT_EQ(log_.lines().size(), 1u) << log_.dump();
   EXPECT_EQ(log_.lines()[0].text, "[tavr::KelQuoteClient::unsubscribe]: delete 41 subscrib info....");
-
-  int packages = 0;
-  client_.add_mkt_push_info(102, [&](const QuoteMap& map) { packages += static_cast<int>(map.size()); });
-  client_.onWholeSub(102, {{"600000", std::make_shared<quoter::QuoterAllData>()}});
-  EXPECT_EQ(packages, 1);
-  EXPECT_TRUE(client_.del_mkt_push_info(102));
-  EXPECT_FALSE(client_.del_mkt_push_info(102));
 }
 
 TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
@@ -216,34 +209,11 @@ TEST_F(KelQuoteClientTest, MarketNotificationsUnderEveryHostCode) {
   EXPECT_TRUE(log_.contains("Return notification for market(SHO) [SH-Tradingday] information changed !!!"));
 }
 
-TEST_F(KelQuoteClientTest, ConnectStatusReachesTheHost) {
-  client_.onConnectStatusChange(1, "lost");
-  EXPECT_TRUE(log_.contains("Status callback handler NOT INITIALIZED!!!"));
-  std::vector<int> codes;
-  client_.registerQuoterConnectCallBack([&](int code, std::string) { codes.push_back(code); });
-  client_.onConnectStatusChange(0, "ok");
-  EXPECT_EQ(codes, std::vector<int>{0});
-  EXPECT_TRUE(log_.contains("Return connect message[0:ok]!!!"));
-}
-
-TEST_F(KelQuoteClientTest, FinanceRepliesReachTheHostOnceWithTheirStatus) {
-  std::vector<std::pair<std::string, int>> got;
-  auto record = [&](std::string market, const FinanceDataParam& p, const FinanceResult&, se::EQuoteSubStatus status) {
-    got.push_back({market + "/" + p.code, status});
-  };
-  AddFinance(60, record);
-  AddFinance(61, record);
-  client_.onRequestFinance(60, {}, true);
-  client_.onRequestFinance(61, {}, false);
-  client_.onRequestFinance(60, {}, true);
-  EXPECT_EQ(got, (std::vector<std::pair<std::string, int>>{{"SZ/000001", 0}, {"SZ/000001", 1}}));
-  EXPECT_TRUE(log_.contains("Request[61] finance data sent....."));
-  EXPECT_TRUE(log_.contains("No request found in finance request list[id=60]!!!"));
-}
-
 // A throwing host callback is logged as the service threads log a failed
 // message, and neither ends a delivery nor leaves an entry behind.
 TEST_F(KelQuoteClientTest, HostCallbacksThatThrowCostNobodyElseAnything) {
+  client_.onConnectStatusChange(1, "lost");
+  EXPECT_TRUE(log_.contains("Status callback handler NOT INITIALIZED!!!"));
   int calls = 0;
   auto thrower = [&calls](auto&&...) {
     ++calls;
@@ -257,17 +227,28 @@ TEST_F(KelQuoteClientTest, HostCallbacksThatThrowCostNobodyElseAnything) {
   client_.onRequestHistory(21, {}, false);
   client_.onRequestHistory(21, {}, true);
   client_.onRequestHistory(21, {}, true);
-  AddFinance(60, thrower);
+  std::vector<int> statuses;
+  auto finance = [&](std::string market, const FinanceDataParam& p, const FinanceResult&, se::EQuoteSubStatus status) {
+    EXPECT_EQ(market + "/" + p.code, "SZ/000001");
+    statuses.push_back(status);
+    thrower();
+  };
+  AddFinance(60, finance);
+  AddFinance(61, finance);
   client_.onRequestFinance(60, {}, true);
+  client_.onRequestFinance(61, {}, false);
   client_.onRequestFinance(60, {}, true);
   client_.add_quote_info(40, "600000", "SH", thrower);
   client_.add_mkt_push_info(2, thrower);
   EXPECT_NO_THROW(client_.onSubscribe(40, {}));
   EXPECT_NO_THROW(client_.onWholeSub(2, {}));
-  EXPECT_EQ(calls, 8);
-  EXPECT_EQ(log_.count("[DvDataMgr::DataServiceThread]: 数据服务线程, do bussiness catch Exception!!!..."), 8u);
+  EXPECT_EQ(calls, 9);
+  EXPECT_EQ(log_.count("[DvDataMgr::DataServiceThread]: 数据服务线程, do bussiness catch Exception!!!..."), 9u);
+  EXPECT_EQ(statuses, (std::vector<int>{0, 1}));
+  EXPECT_TRUE(log_.contains("Return connect message[2:failed]!!!"));
   EXPECT_TRUE(log_.contains("Return notification for market(HGT) [HK-Stocklist] information changed !!!"));
   EXPECT_TRUE(log_.contains("No request found in kline request list[id=21][0]!!!"));
+  EXPECT_TRUE(log_.contains("Request[61] finance data sent....."));
   EXPECT_TRUE(log_.contains("No request found in finance request list[id=60]!!!"));
 }
 

@@ -128,9 +128,7 @@ TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleasesAndEmptiesTh
     // Instruments of both tables and a rate, as the replies leave them.
     auto init = testkit::market_init(2, 20240102, {testkit::code_init("600000", "x"), testkit::code_init("10004567", "y", 4, 1)});
     mgr_.on_reply_data(0, init.data(), init.size());
-    ApiHKRateItem item{};
-    item.date = 20240102;
-    auto rates = testkit::reply(ApiHKRateHead{0, 0, 0, 1}, std::vector<ApiHKRateItem>{item});
+    auto rates = testkit::reply(ApiHKRateHead{0, 0, 0, 1}, std::vector<ApiHKRateItem>{{20240102, {}, 0.9f, 0.9f}});
     mgr_.on_reply_data(31, rates.data(), rates.size());
     auto sh = mgr_.markets().find("SH");
     auto held = [&] {
