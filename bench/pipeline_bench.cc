@@ -163,8 +163,8 @@ BENCHMARK(BM_StockList)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // 10,000 instruments subscribed one by one and then unsubscribed, on the
 // host's thread, while level-1 snapshots of them keep arriving. The CPU
-// column is the host thread's; its five log lines per instrument (written,
-// not batched) cost most of it.
+// column is the host thread's; the five log lines each instrument writes
+// (subscribe and unsubscribe) cost most of it.
 void BM_SubscribeMany(benchmark::State& state) {
   const int n = static_cast<int>(state.range(0));
   Pipeline pipeline(n);
