@@ -2,15 +2,16 @@
 // operations through which the data manager reaches the host.
 #include "kelquote/KelQuoteClient.h"
 
-#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <utility>
 
+#include "client/host_call.h"
 #include "datamgr/DvDataMgr.h"
 #include "log/MyLog.h"
+#include "log/sized_rolling_appender.h"
 #include "port/port.h"
 
 namespace tavr {
@@ -52,18 +53,6 @@ class SharedRegistry {
   mutable std::shared_mutex mu_;
   std::map<short, std::shared_ptr<const Entry>> entries_;
 };
-
-// Host callbacks run on the library's threads; whatever they throw stays here.
-template <typename Fn>
-void Guarded(const char* function, Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::exception& e) {
-    CMyLog::PrintLog(LOG_ERROR, function, "Host callback threw: %s", e.what());
-  } catch (...) {
-    CMyLog::PrintLog(LOG_ERROR, function, "Host callback threw an unknown exception");
-  }
-}
 
 }  // namespace
 
@@ -124,26 +113,32 @@ void KelQuoteClient::attach_data_manager(DvDataMgr* mgr) {
 
 void KelQuoteClient::goLogin(const LoginParam& param, LoginCallback callback) {
   const char* function = "tavr::KelQuoteClient::goLogin";
-  std::lock_guard<std::mutex> lock(state_->login_mu);
-  DvDataMgr* mgr = data_manager();
-  if (mgr == nullptr) {
-    state_->owned_mgr = std::make_unique<DvDataMgr>();
-    attach_data_manager(state_->owned_mgr.get());
-    mgr = state_->owned_mgr.get();
+  bool ok = false;
+  const char* reason = "";
+  {
+    std::lock_guard<std::mutex> lock(state_->login_mu);
+    DvDataMgr* mgr = data_manager();
+    if (mgr == nullptr) {
+      state_->owned_mgr = std::make_unique<DvDataMgr>();
+      attach_data_manager(state_->owned_mgr.get());
+      mgr = state_->owned_mgr.get();
+    }
+    bool is_real = param.environment == 2;
+    if (!mgr->init(is_real)) {
+      CMyLog::PrintLog(LOG_ERROR, function, "Failed to Init....");
+      reason = "初始化失败，请检查配置信息！";
+    } else if (mgr->start()) {
+      port::SleepMs(1000);
+      state_->logged_in.store(true);
+      ok = true;
+    } else {
+      CMyLog::PrintLog(LOG_ERROR, function, "Failed to login....");
+      reason = "网关连接超时，请检查网络状态，稍后重试！";
+    }
+    state_->first_login.store(false);
   }
-  bool is_real = param.environment == 2;
-  if (!mgr->init(is_real)) {
-    CMyLog::PrintLog(LOG_ERROR, function, "Failed to Init....");
-    if (callback) callback(false, "初始化失败，请检查配置信息！");
-  } else if (mgr->start()) {
-    port::SleepMs(1000);
-    state_->logged_in.store(true);
-    if (callback) callback(true, std::string());
-  } else {
-    CMyLog::PrintLog(LOG_ERROR, function, "Failed to login....");
-    if (callback) callback(false, "网关连接超时，请检查网络状态，稍后重试！");
-  }
-  state_->first_login.store(false);
+  // Unlocked: a host that retries from inside its callback logs in again.
+  host_call(callback, ok, std::string(reason));
 }
 
 void KelQuoteClient::startLogin(int action) {
@@ -175,7 +170,7 @@ void KelQuoteClient::requestHistoryQuote(const quoter::TSMetaInfo& meta, const q
   char variant = 1;
   if (!market_id_transfer_to_dravik(meta.market, market, variant)) {
     CMyLog::PrintLog(LOG_ERROR, function, "Market is not exist: %s ....", meta.market.c_str());
-    if (callback) callback(se::kQuoteFailure, {}, se::kArrivedLast);
+    host_call(callback, se::kQuoteFailure, QuoteRecords(), se::kArrivedLast);
     return;
   }
   DvDataMgr* mgr = data_manager();
@@ -192,24 +187,25 @@ void KelQuoteClient::requestHistoryQuote(const quoter::TSMetaInfo& meta, const q
   lock.unlock();
   CMyLog::PrintLog(LOG_ERROR, function, "Failed to request %s.%s kline[%d]....", meta.code.c_str(), market.c_str(),
                    static_cast<int>(meta.period));
-  if (callback) callback(se::kQuoteFailure, {}, se::kArrivedLast);
+  host_call(callback, se::kQuoteFailure, QuoteRecords(), se::kArrivedLast);
 }
 
 int KelQuoteClient::subscribeQuote(const quoter::TSMetaInfo& meta, const quoter::TRegionInfo&, const std::string&,
                                    QuoteCallback callback) {
   const char* function = "tavr::KelQuoteClient::subscribeQuote";
+  SizedRollingFileAppender::FlushBatch batch;  // the operation's lines in one write
   std::string market;
   char variant = 1;
   if (!market_id_transfer_to_dravik(meta.market, market, variant)) {
     CMyLog::PrintLog(LOG_ERROR, function, "Market is not exist: %s ....", meta.market.c_str());
-    if (callback) callback(se::kQuoteFailure, {}, se::kArrivedNone);
+    host_call(callback, se::kQuoteFailure, QuoteRecords(), se::kArrivedNone);
     return -4;
   }
   DvDataMgr* mgr = data_manager();
   short id = static_cast<short>(mgr != nullptr ? mgr->request_tick_push(meta, market) : kRequestFailed);
   if (id < 0) {
     CMyLog::PrintLog(LOG_ERROR, function, "Failed to sub %s.%s...", meta.code.c_str(), market.c_str());
-    if (callback) callback(se::kQuoteFailure, {}, se::kArrivedNone);
+    host_call(callback, se::kQuoteFailure, QuoteRecords(), se::kArrivedNone);
     return -4;
   }
   add_quote_info(id, meta.code, market, std::move(callback));
@@ -220,6 +216,7 @@ int KelQuoteClient::subscribeQuote(const quoter::TSMetaInfo& meta, const quoter:
 
 void KelQuoteClient::unsubscribe(int id) {
   const char* function = "tavr::KelQuoteClient::unsubscribe";
+  SizedRollingFileAppender::FlushBatch batch;
   CMyLog::PrintLog(LOG_INFO, function, "delete %d subscrib info....", id);
   std::string code, market;
   if (!del_quote_info(static_cast<short>(id), code, market)) return;
@@ -294,7 +291,7 @@ void KelQuoteClient::requestFinanceData(const FinanceDataParam& param, FinanceCa
     } else {
       CMyLog::PrintLog(LOG_ERROR, function, "Failed to get %s.%s finance data...", param.code.c_str(),
                        market.c_str());
-      if (callback) callback(param.market, param, FinanceResult(), se::kQuoteFailure);
+      host_call(callback, param.market, param, FinanceResult(), se::kQuoteFailure);
     }
   }
   CMyLog::PrintLog(LOG_INFO, function, "[id=%d] Request %s.%s finance data....", id, param.code.c_str(),
@@ -304,6 +301,9 @@ void KelQuoteClient::requestFinanceData(const FinanceDataParam& param, FinanceCa
 void KelQuoteClient::onRequestHistory(const short& id, const QuoteRecords& bars, bool last) {
   const char* function = "tavr::KelQuoteClient::onRequestHistory";
   CMyLog::PrintLog(LOG_TRACE, function, "Start retrun data[id=%d][%d]!!!", id, static_cast<int>(bars.size()));
+  // The lock waits for a registration still under way; the host runs unlocked
+  // (one request's blocks come one at a time, in order).
+  QuoteCallback callback;
   {
     std::lock_guard<std::recursive_mutex> lock(state_->history_mu);
     auto it = state_->history.find(id);
@@ -312,13 +312,13 @@ void KelQuoteClient::onRequestHistory(const short& id, const QuoteRecords& bars,
                        static_cast<int>(state_->history.size()));
     } else if (last) {
       // Removed before the call, so a throwing callback cannot leave it behind.
-      QuoteCallback callback = std::move(it->second);
+      callback = std::move(it->second);
       state_->history.erase(it);
-      if (callback) Guarded(function, [&] { callback(se::kQuoteData, bars, se::kArrivedLast); });
-    } else if (it->second) {
-      Guarded(function, [&] { it->second(se::kQuoteData, bars, se::kArrivedPartial); });
+    } else {
+      callback = it->second;
     }
   }
+  host_call(callback, se::kQuoteData, bars, last ? se::kArrivedLast : se::kArrivedPartial);
   CMyLog::PrintLog(LOG_TRACE, function, "Finish retrun data[id=%d][%d]!!!", id, static_cast<int>(bars.size()));
 }
 
@@ -329,7 +329,7 @@ void KelQuoteClient::onSubscribe(const short& id, const QuoteRecords& records) {
     CMyLog::PrintLog(LOG_INFO, function, "No request found in waiting list[id=%d]!!!", id);
     return;
   }
-  if (entry->callback) entry->callback(se::kQuoteData, records, se::kArrivedRealTime);
+  host_call(entry->callback, se::kQuoteData, records, se::kArrivedRealTime);
   CMyLog::PrintLog(LOG_TRACE, function, "Return real time data[id = %d]!!!", id);
 }
 
@@ -340,7 +340,7 @@ void KelQuoteClient::onWholeSub(const short& id, const QuoteMap& records) {
     CMyLog::PrintLog(LOG_INFO, function, "No request found in waiting list[id=%d]!!!", id);
     return;
   }
-  if (*entry) (*entry)(records);
+  host_call(*entry, records);
   CMyLog::PrintLog(LOG_TRACE, function, "Return real time data[id = %d]!!!", id);
 }
 
@@ -359,11 +359,7 @@ void KelQuoteClient::onRequestFinance(const short& id, const FinanceResult& data
   }
   // The entry is gone before the host runs, unlocked: a request made meanwhile,
   // from any thread, waits for nobody's callback.
-  if (request.second) {
-    Guarded(function, [&] {
-      request.second(request.first.market, request.first, data, ok ? se::kQuoteData : se::kQuoteFailure);
-    });
-  }
+  host_call(request.second, request.first.market, request.first, data, ok ? se::kQuoteData : se::kQuoteFailure);
   CMyLog::PrintLog(LOG_INFO, function, "Request[%d] finance data sent.....", id);
 }
 
@@ -375,7 +371,7 @@ void KelQuoteClient::onConnectStatusChange(const int& code, const std::string& t
     return;
   }
   // Runs on the vendor's thread: nothing may escape into the vendor library.
-  Guarded(function, [&] { (*callback)(code, text); });
+  host_call(*callback, code, text);
   CMyLog::PrintLog(LOG_INFO, function, "Return connect message[%d:%s]!!!", code, text.c_str());
 }
 
@@ -388,7 +384,7 @@ void KelQuoteClient::onMarketInfoChange(const int& kind, const std::string& mark
   }
   const char* word = kind == 0 ? "Tradingday" : "Stocklist";
   auto notify = [&](const std::string& host) {
-    Guarded(function, [&] { (*callback)(kind, host); });
+    host_call(*callback, kind, host);
     CMyLog::PrintLog(LOG_INFO, function, "Return notification for market(%s) [%s-%s] information changed !!!",
                      host.c_str(), market.c_str(), word);
   };
@@ -420,6 +416,11 @@ bool KelQuoteClient::del_mkt_push_info(short id) { return state_->pushes.take(id
 void KelQuoteClient::add_history_info(short id, QuoteCallback callback) {
   std::lock_guard<std::recursive_mutex> lock(state_->history_mu);
   state_->history[id] = std::move(callback);
+}
+
+void KelQuoteClient::add_finance_info(short id, const FinanceDataParam& param, FinanceCallback callback) {
+  std::lock_guard<std::recursive_mutex> lock(state_->finance_mu);
+  state_->finance[id] = {param, std::move(callback)};
 }
 
 // The data manager's side of the binding: the process's client unless told otherwise.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -18,6 +19,12 @@ namespace tavr {
 class KelQuoteClientTest : public ::testing::Test {
  protected:
   void AddHistory(short id, QuoteCallback callback) { client_.add_history_info(id, std::move(callback)); }
+  void AddFinance(short id, FinanceCallback callback) {
+    FinanceDataParam param;
+    param.market = "SZ";
+    param.code = "000001";
+    client_.add_finance_info(id, param, std::move(callback));
+  }
   void StartLogin(int action) { client_.startLogin(action); }
 
   testkit::LogCapture log_;
@@ -141,13 +148,6 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   client_.unsubscribe(41);
   ASSERT_EQ(log_.lines().size(), 1u) << log_.dump();
   EXPECT_EQ(log_.lines()[0].text, "[tavr::KelQuoteClient::unsubscribe]: delete 41 subscrib info....");
-
-  int packages = 0;
-  client_.add_mkt_push_info(102, [&](const QuoteMap& map) { packages += static_cast<int>(map.size()); });
-  client_.onWholeSub(102, {{"600000", std::make_shared<quoter::QuoterAllData>()}});
-  EXPECT_EQ(packages, 1);
-  EXPECT_TRUE(client_.del_mkt_push_info(102));
-  EXPECT_FALSE(client_.del_mkt_push_info(102));
 }
 
 TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
@@ -209,19 +209,47 @@ TEST_F(KelQuoteClientTest, MarketNotificationsUnderEveryHostCode) {
   EXPECT_TRUE(log_.contains("Return notification for market(SHO) [SH-Tradingday] information changed !!!"));
 }
 
-TEST_F(KelQuoteClientTest, ConnectStatusReachesTheHostAndThrowsStayInside) {
+// A throwing host callback is logged as the service threads log a failed
+// message, and neither ends a delivery nor leaves an entry behind.
+TEST_F(KelQuoteClientTest, HostCallbacksThatThrowCostNobodyElseAnything) {
   client_.onConnectStatusChange(1, "lost");
   EXPECT_TRUE(log_.contains("Status callback handler NOT INITIALIZED!!!"));
-  std::vector<int> codes;
-  client_.registerQuoterConnectCallBack([&](int code, std::string text) {
-    codes.push_back(code);
-    if (text == "throw") throw std::runtime_error("host failure");
-  });
-  client_.onConnectStatusChange(0, "ok");
-  EXPECT_NO_THROW(client_.onConnectStatusChange(2, "throw"));
-  EXPECT_EQ(codes, (std::vector<int>{0, 2}));
-  EXPECT_TRUE(log_.contains("Return connect message[0:ok]!!!"));
-  EXPECT_TRUE(log_.contains("Host callback threw: host failure"));
+  int calls = 0;
+  auto thrower = [&calls](auto&&...) {
+    ++calls;
+    throw std::runtime_error("host failure");
+  };
+  client_.registerQuoterConnectCallBack(thrower);
+  EXPECT_NO_THROW(client_.onConnectStatusChange(2, "failed"));
+  client_.registerTradeDateAndStockListChangeCallBack(thrower);
+  client_.onMarketInfoChange(1, "HK", 0);  // both host codes are told
+  AddHistory(21, thrower);
+  client_.onRequestHistory(21, {}, false);
+  client_.onRequestHistory(21, {}, true);
+  client_.onRequestHistory(21, {}, true);
+  std::vector<int> statuses;
+  auto finance = [&](std::string market, const FinanceDataParam& p, const FinanceResult&, se::EQuoteSubStatus status) {
+    EXPECT_EQ(market + "/" + p.code, "SZ/000001");
+    statuses.push_back(status);
+    thrower();
+  };
+  AddFinance(60, finance);
+  AddFinance(61, finance);
+  client_.onRequestFinance(60, {}, true);
+  client_.onRequestFinance(61, {}, false);
+  client_.onRequestFinance(60, {}, true);
+  client_.add_quote_info(40, "600000", "SH", thrower);
+  client_.add_mkt_push_info(2, thrower);
+  EXPECT_NO_THROW(client_.onSubscribe(40, {}));
+  EXPECT_NO_THROW(client_.onWholeSub(2, {}));
+  EXPECT_EQ(calls, 9);
+  EXPECT_EQ(log_.count("[DvDataMgr::DataServiceThread]: 数据服务线程, do bussiness catch Exception!!!..."), 9u);
+  EXPECT_EQ(statuses, (std::vector<int>{0, 1}));
+  EXPECT_TRUE(log_.contains("Return connect message[2:failed]!!!"));
+  EXPECT_TRUE(log_.contains("Return notification for market(HGT) [HK-Stocklist] information changed !!!"));
+  EXPECT_TRUE(log_.contains("No request found in kline request list[id=21][0]!!!"));
+  EXPECT_TRUE(log_.contains("Request[61] finance data sent....."));
+  EXPECT_TRUE(log_.contains("No request found in finance request list[id=60]!!!"));
 }
 
 class LoginTest : public KelQuoteClientTest {
@@ -254,21 +282,39 @@ TEST_F(LoginTest, ABrokenConfigurationFailsInitialisation) {
   EXPECT_FALSE(client_.logged_in());
 }
 
-TEST_F(LoginTest, AFailedConnectIsRetriedWithoutInitialisingAgain) {
+TEST_F(LoginTest, AFailedConnectIsRetriedFromTheCallbackAndALostOneByTheNextLogin) {
   dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" + testkit::servers_xml(1) + "</history>"));
   api_.set_result("Connect", -1);
-  auto [ok, text] = Login();
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(text, "网关连接超时，请检查网络状态，稍后重试！");
+  LoginParam param;
+  std::vector<std::pair<bool, std::string>> results;
+  client_.goLogin(param, [&](bool ok, std::string text) {
+    results.push_back({ok, text});
+    if (ok) return;
+    // A host that retries at once, from inside its callback.
+    api_.set_result("Connect", 0);
+    client_.goLogin(param, [&](bool again, std::string text2) { results.push_back({again, text2}); });
+  });
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0], std::make_pair(false, std::string("网关连接超时，请检查网络状态，稍后重试！")));
+  EXPECT_EQ(results[1], std::make_pair(true, std::string()));
   EXPECT_TRUE(log_.contains("Failed to login...."));
-
-  api_.set_result("Connect", 0);
-  auto [ok2, text2] = Login();
-  EXPECT_TRUE(ok2);
-  EXPECT_EQ(text2, "");
   EXPECT_TRUE(client_.logged_in());
   EXPECT_EQ(api_.count("RegisterServer"), 1u);
   EXPECT_EQ(api_.count("Connect"), 2u);
+  ASSERT_TRUE(log_.wait_for("Daily job thread start......"));
+  ASSERT_TRUE(log_.wait_for("数据服务线程 begin...", 4));  // two for the failed start, two now
+
+  // The connection is gone: the next login connects again and repeats the
+  // start-up requests, with the threads that run.
+  mgr_.set_connected(false);
+  api_.clear_calls();
+  EXPECT_TRUE(Login().first);
+  std::vector<std::string> ops;
+  for (const auto& call : api_.calls()) ops.push_back(call.op);
+  EXPECT_EQ(ops, (std::vector<std::string>{"Connect", "ReqBaseData", "ReqMarketStatus", "ReqMarketInit", "ReqHoliday",
+                                           "ReqHKRate"}));
+  EXPECT_EQ(log_.count("数据服务线程 begin..."), 4u);
+  EXPECT_EQ(log_.count("Daily job thread start......"), 1u);
 
   StartLogin(1);
   EXPECT_FALSE(client_.logged_in());

@@ -77,8 +77,9 @@ class DvDataMgr {
   // Starts logging, obtains the quote API, reads "./dravikcfg.dat" and
   // registers the servers and the callback object. A no-op once it succeeded.
   bool init(bool isReal);
-  // Starts the service threads and connects; true when connected. On a failed
-  // connect the service threads are ended again.
+  // Starts the service threads and connects; true when connected. Once
+  // started, connects again and repeats the start-up requests with the
+  // threads that run. On a failed connect every thread is ended.
   bool start();
   // Disconnects and ends every thread; true. A no-op when not started.
   bool stop();
@@ -235,13 +236,14 @@ class DvDataMgr {
   // A service thread is about to wait for a reply: when no other server is
   // left to take replies, a stand-in starts.
   void enter_blocked();
+  void end_timer_thread();
   void seed_markets();
 
   struct Level2Stream {
     const char* function;
     uint16_t data_type;
     bool tick;        // a missing market is logged with the tick's text
-    bool one_vector;  // the records of one instrument go out together
+    bool one_vector;  // the records of one message go out together
   };
   // Walks the records of a level-2 message; make converts one record.
   template <typename Record, typename Make>

@@ -130,6 +130,11 @@ TEST_F(ConfigTest, LongHostsAndPortsAreCut) {
   const ServerLoginConfig& cfg = mgr_.server_table().at(0);
   EXPECT_EQ(std::string(cfg.servers[0].host), std::string(49, 'h'));
   EXPECT_EQ(std::string(cfg.servers[0].port), std::string(7, '7'));
+  // One record serves every role and is zeroed once: behind the history
+  // host's terminator the vendor still finds the rest of the quote host.
+  const ServerLoginConfig& history = mgr_.server_table().at(1);
+  EXPECT_STREQ(history.servers[0].host, "127.0.0.1");
+  EXPECT_EQ(std::string(history.servers[0].host + 10), std::string(39, 'h'));
 }
 
 TEST_F(ConfigTest, ServerWithoutAttributesEndsTheList) {

@@ -66,21 +66,25 @@ bool DvDataMgr::init(bool isReal) {
 
 bool DvDataMgr::start() {
   std::lock_guard<std::mutex> lock(lifecycle_mu_);
-  if (running_.load()) return is_connected();
-  running_.store(true);
-  thread_count_ = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
-  // A message left from an earlier run is stale; only the oldest goes.
-  if (DataMsg* stale = queue_.activate(thread_count_)) {
-    free_msg(stale);
-    pending_.fetch_sub(1);
+  // Started before (the connection may have gone since): connect again with
+  // the service and timer threads that run.
+  const bool threads_run = running_.load();
+  if (!threads_run) {
+    running_.store(true);
+    thread_count_ = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
+    // A message left from an earlier run is stale; only the oldest goes.
+    if (DataMsg* stale = queue_.activate(thread_count_)) {
+      free_msg(stale);
+      pending_.fetch_sub(1);
+    }
+    next_shard_.store(0);
+    {
+      std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
+      serving_ = thread_count_;
+    }
+    threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
+    for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
   }
-  next_shard_.store(0);
-  {
-    std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
-    serving_ = thread_count_;
-  }
-  threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
-  for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
 
   ConnectResult result{0, 0, 0};
   int rc = api_ != nullptr ? api_->Connect(&result) : -1;
@@ -90,6 +94,7 @@ bool DvDataMgr::start() {
                      result.detail);
     running_.store(false);
     end_service_threads();
+    if (threads_run) end_timer_thread();
     return false;
   }
   set_connected(true);
@@ -98,7 +103,7 @@ bool DvDataMgr::start() {
   request_market_data(0);
   request_holidays();
   request_hkc_rate(0, 0);
-  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+  if (!threads_run) timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
   return true;
 }
 
@@ -123,6 +128,12 @@ void DvDataMgr::end_service_threads() {
   thread_count_ = 0;
 }
 
+void DvDataMgr::end_timer_thread() {
+  timer_sem_.Release();
+  thread_join(timer_thread_);
+  timer_thread_ = nullptr;
+}
+
 bool DvDataMgr::stop() {
   std::lock_guard<std::mutex> lock(lifecycle_mu_);
   if (!running_.load()) return true;
@@ -130,9 +141,7 @@ bool DvDataMgr::stop() {
   set_connected(false);
   running_.store(false);
   end_service_threads();
-  timer_sem_.Release();
-  thread_join(timer_thread_);
-  timer_thread_ = nullptr;
+  end_timer_thread();
   markets_.clear_codes();
   {
     std::lock_guard<std::mutex> calendar_lock(calendar_.mu);

@@ -12,6 +12,7 @@
 
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
+#include "testkit/records.h"
 #include "testkit/work_dir.h"
 #include "utils/utils.h"
 
@@ -103,7 +104,7 @@ TEST_F(DataMgrTest, FailedConfigurationIsRetriedByTheNextInit) {
   EXPECT_EQ(api_.count("RegisterServer"), 1u);
 }
 
-TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleases) {
+TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleasesAndEmptiesTheTables) {
   EXPECT_TRUE(mgr_.stop());  // before any start: nothing to do
   EXPECT_EQ(api_.count("Release"), 0u);
   ASSERT_TRUE(mgr_.init(true));
@@ -113,17 +114,32 @@ TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleases) {
     EXPECT_TRUE(mgr_.is_started());
     EXPECT_TRUE(mgr_.is_connected());
     EXPECT_EQ(mgr_.thread_count(), 2);
-    EXPECT_EQ(api_.count("Connect"), 1u);
-    ASSERT_EQ(api_.calls("ReqHoliday").size(), 1u);
-    EXPECT_EQ(api_.calls("ReqHoliday")[0].arg, 2);
-    auto rates = api_.calls("ReqHKRate");
-    ASSERT_EQ(rates.size(), 1u);
-    HKRateRequest rate = testkit::record_of<HKRateRequest>(rates[0]);
+    auto calls = api_.calls();
+    std::vector<std::pair<std::string, int64_t>> sent;
+    for (const auto& call : calls) sent.push_back({call.op, call.arg});
+    const std::vector<std::pair<std::string, int64_t>> start_up = {
+        {"Connect", 0}, {"ReqBaseData", 0}, {"ReqMarketStatus", 0}, {"ReqMarketInit", 0}, {"ReqHoliday", 2}, {"ReqHKRate", 0}};
+    ASSERT_EQ(sent, start_up);
+    HKRateRequest rate = testkit::record_of<HKRateRequest>(calls.back());
     EXPECT_EQ(int32_t{rate.begin}, 0);  // copied out: the field is unaligned
     EXPECT_EQ(int32_t{rate.end}, 0);
     EXPECT_TRUE(log_.wait_for("Daily job thread start......", cycle + 1));
 
+    // Instruments of both tables and a rate, as the replies leave them.
+    auto init = testkit::market_init(2, 20240102, {testkit::code_init("600000", "x"), testkit::code_init("10004567", "y", 4, 1)});
+    mgr_.on_reply_data(0, init.data(), init.size());
+    auto rates = testkit::reply(ApiHKRateHead{0, 0, 0, 1}, std::vector<ApiHKRateItem>{{20240102, {}, 0.9f, 0.9f}});
+    mgr_.on_reply_data(31, rates.data(), rates.size());
+    auto sh = mgr_.markets().find("SH");
+    auto held = [&] {
+      std::lock_guard<std::mutex> codes(mgr_.markets().codes_mu);
+      std::lock_guard<std::mutex> calendar(mgr_.calendar().mu);
+      return std::vector<size_t>{sh->base_codes.size(), sh->other_codes.size(), mgr_.calendar().hk_rates.size()};
+    };
+    ASSERT_EQ(held(), (std::vector<size_t>{1, 1, 1}));
+
     EXPECT_TRUE(mgr_.stop());
+    EXPECT_EQ(held(), (std::vector<size_t>{0, 0, 0}));
     EXPECT_FALSE(mgr_.is_started());
     EXPECT_FALSE(mgr_.is_connected());
     EXPECT_EQ(api_.count("Release"), 1u);
@@ -148,6 +164,13 @@ TEST_F(DataMgrTest, FailedConnectEndsTheServiceThreads) {
   EXPECT_FALSE(log_.contains("Daily job thread start"));
   api_.set_result("Connect", 0);
   EXPECT_TRUE(mgr_.start());
+  // Started, the connection gone, a second connect refused: every thread ends.
+  mgr_.set_connected(false);
+  api_.set_result("Connect", -3);
+  EXPECT_FALSE(mgr_.start());
+  EXPECT_FALSE(mgr_.is_started());
+  EXPECT_EQ(log_.count("数据服务线程 exit..."), 4u);
+  EXPECT_EQ(log_.count("Daily job thread end......"), 1u);
   EXPECT_TRUE(mgr_.stop());
 }
 

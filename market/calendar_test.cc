@@ -116,7 +116,18 @@ TEST_F(CalendarTest, ListsStopAtTheMarketsTradingDayOnceInitialised) {
   // A market not initialised has no last day; SH options start in 2017.
   EXPECT_EQ(Days("DL", 1).back(), 20241008);
   EXPECT_EQ(Days("SH", 2).front(), 20170222);
-  EXPECT_TRUE(log_.contains("trading days for market [SH][2]"));
+  // The host's list may hold days already: the line counts those appended.
+  std::vector<int64_t> host(3, 0);
+  log_.clear();
+  mgr_.get_market_trade_day_list("ZJ", 1, host);
+  size_t total;
+  {
+    std::lock_guard<std::mutex> lock(mgr_.calendar().mu);
+    total = mgr_.calendar().trade_days.size();
+  }
+  EXPECT_TRUE(log_.contains("[DvDataMgr::get_market_trade_day_list]: Return " + std::to_string(zj.size()) + "[" +
+                            std::to_string(total) + "] trading days for market [ZJ][1]...."));
+  EXPECT_EQ(host.size(), zj.size() + 3);
 }
 
 TEST_F(CalendarTest, TradingDayListsWaitForHolidaysThenGiveUp) {
@@ -150,9 +161,9 @@ TEST_F(CalendarTest, RatesKeepTheFirstEntryAndMakeTheHongKongCalendar) {
   days.clear();
   mgr_.get_HKC_trade_day_list(1, days);
   EXPECT_EQ(days.size(), 3u);
-  days.clear();
-  mgr_.get_HKC_trade_day_list(2, days);
-  EXPECT_EQ(days.size(), 2u);
+  mgr_.get_HKC_trade_day_list(2, days);  // appended to the three above
+  EXPECT_EQ(days.size(), 5u);
+  EXPECT_TRUE(log_.contains("Return 2 trading days for market HK[2]...."));
 
   // Through the client: "HGT" and "SGT" read the Hong Kong calendar.
   client_.attach_data_manager(&mgr_);

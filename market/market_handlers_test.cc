@@ -205,6 +205,7 @@ TEST_F(MarketHandlersTest, CodeListsWaitForReadinessAndCopyTheTable) {
   mgr_.get_market_code_list("SHO", "SH", 2, list);
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list[0]->code, "10004567");
+  EXPECT_EQ(list[0]->market, "SH");  // not the host's "SHO"
   EXPECT_EQ(list[0]->priceDigits, 4);
   EXPECT_TRUE(log_.contains("[ApiMarketOtherBaseRsp] Code=10004567.SH, 0 [True, False],[False,False,False]..."));
 }

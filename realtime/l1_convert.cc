@@ -156,7 +156,7 @@ std::shared_ptr<DravikQuoterAllData> after_hours_record(const DravikQuoterAllDat
     b->askPrice[i] = b->bidPrice[i] = round_to(0.0, d);
     b->askVol[i] = b->bidVol[i] = 0;
   }
-  if (CMyLog::Enabled(LOG_DEBUG)) {
+  if (tag != nullptr && CMyLog::Enabled(LOG_DEBUG)) {
     for (int i = 0; i < 5; ++i) {
       CMyLog::PrintLog(LOG_DEBUG, kFunction, Tagged(tag, " 返回%s.%s #%d档数据:%0.2f[%d][%d].....").c_str(),
                        code.c_str(), market.c_str(), i + 1, b->askPrice[i], b->askVol[i], b->bidVol[i]);

@@ -68,6 +68,8 @@ std::shared_ptr<DravikQuoterAllData> convert_snapshot(const ApiL1Tick& tick, con
                                                       const char* tag);
 
 // The after-hours record B made from A and the snapshot's after-hours fields.
+// tag prefixes its per-level DEBUG lines; null writes none (a whole-market
+// package logs only its own line for it).
 std::shared_ptr<DravikQuoterAllData> after_hours_record(const DravikQuoterAllData& a, const ApiL1Tick& tick,
                                                         const std::string& code, const InstrumentView& instrument,
                                                         const std::string& market, const char* tag);

@@ -69,18 +69,15 @@ void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
   }
   record->last_price = static_cast<float>(a->lastPrice);
   auto buy_sell = std::make_shared<quoter::BuySellData>();
-  buy_sell->time = a->time;
   buy_sell->buyVolume = record->buy_volume_total;
   buy_sell->sellVolume = record->sell_volume_total;
 
   std::string key = code + "." + name;
-  auto subscriptions = subscriptions_.snapshot();
-  auto [begin, end] = subscriptions->subscribers.equal_range(key);
+  auto subscribers = subscriptions_.subscribers(key);
   CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Start return data[%s][%d].....", key.c_str(),
-                   static_cast<int>(std::distance(begin, end)));
+                   static_cast<int>(subscribers->size()));
   KelQuoteClient* host = client();
-  for (auto it = begin; it != end; ++it) {
-    const TickSubscription& entry = it->second;
+  for (const TickSubscription& entry : *subscribers) {
     QuoteRecords records;
     records.reserve(2);
     if (entry.level == 0) {

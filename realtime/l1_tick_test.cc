@@ -1,4 +1,6 @@
 #include <cstring>
+#include <iterator>
+#include <stdexcept>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -29,6 +31,12 @@ class L1TickTest : public ::testing::Test {
 };
 
 TEST_F(L1TickTest, SubscribersGetTheRecordsTheirDataTypeAsksFor) {
+  // First in line, a host callback that throws: the others still get theirs.
+  quoter::TSMetaInfo meta;
+  meta.market = "SH";
+  meta.code = "600000";
+  meta.metaId = 3000;
+  fx_.client().subscribeQuote(meta, {}, "", [](auto&&...) { throw std::runtime_error("host failure"); });
   int quote = fx_.subscribe("SH", "600000", 3000);
   int totals = fx_.subscribe("SH", "600000", 4002);
   int depth = fx_.subscribe("SH", "600000", 1010);
@@ -52,6 +60,7 @@ TEST_F(L1TickTest, SubscribersGetTheRecordsTheirDataTypeAsksFor) {
   auto buy_sell = std::dynamic_pointer_cast<quoter::BuySellData>(got[1].records[0]);
   ASSERT_NE(buy_sell, nullptr);
   EXPECT_EQ(buy_sell->buyVolume, 50);  // stored last price 0 < 10: a buy
+  EXPECT_EQ(buy_sell->time, 0);        // the two volumes only
   EXPECT_EQ(got[2].id, depth);
   EXPECT_TRUE(got[2].records.empty());  // level-2 entries get an empty vector
 
@@ -65,6 +74,7 @@ TEST_F(L1TickTest, SubscribersGetTheRecordsTheirDataTypeAsksFor) {
   EXPECT_EQ(second->sellVolume, 60);
   EXPECT_EQ(second->buyVolume, 50);
   EXPECT_EQ(third->buyVolume, 120);
+  EXPECT_EQ(fx_.log().count("[DvDataMgr::DataServiceThread]: 数据服务线程, do bussiness catch Exception!!!..."), 3u);
 }
 
 TEST_F(L1TickTest, PricesFallBackAndInvalidOnesDrop) {
@@ -110,17 +120,23 @@ TEST_F(L1TickTest, DepthVolumesBecomeLotsWithAOneLotMinimum) {
 
 TEST_F(L1TickTest, HongKongLimitsAndSessionPhases) {
   fx_.subscribe("HGT", "00700", 3000);
-  for (int32_t time : {85900, 92000, 160959, 161000}) {
-    ApiL1Tick tick = testkit::l1_tick(10, "00700", time, 300.0f);
-    tick.board_kind = 2;  // kinds 0 and 1 would apply the SH/SZ hours again
+  // Kind 2 keeps the Hong Kong hours; kinds 0 and 1 apply the SH/SZ hours on any market.
+  const struct {
+    uint32_t kind;
+    int32_t time;
+    uint32_t phase;
+  } cases[] = {{2, 85900, 11}, {2, 92000, 12}, {2, 160959, 13}, {2, 161000, 15},
+               {0, 91000, 11}, {1, 155000, 15}, {0, 120000, 13}};
+  for (const auto& c : cases) {
+    ApiL1Tick tick = testkit::l1_tick(10, "00700", c.time, 300.0f);
+    tick.board_kind = c.kind;
     Tick(tick);
   }
   auto got = fx_.received();
-  ASSERT_EQ(got.size(), 4u);
-  const uint32_t phases[] = {11, 12, 13, 15};
-  for (int i = 0; i < 4; ++i) {
+  ASSERT_EQ(got.size(), std::size(cases));
+  for (size_t i = 0; i < got.size(); ++i) {
     const auto& a = AllData(got[i].records[1]);
-    EXPECT_EQ(a.tradingPhase, phases[i]);
+    EXPECT_EQ(a.tradingPhase, cases[i].phase) << i;
     EXPECT_DOUBLE_EQ(a.upperLimit, 9999.99);
     EXPECT_DOUBLE_EQ(a.lowerLimit, 0.01);
   }
@@ -207,14 +223,26 @@ TEST_F(L1TickTest, PackagesSplitMainAndOptionInstruments) {
   EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Code 700000.SH not exist..."));
   EXPECT_DOUBLE_EQ(AllData(last_primary.at("600000")).lastPrice, 10.0);
   EXPECT_FALSE(fx_.log().contains("Start market"));
+
+  got.clear();
+  ApiL1Tick invalid = testkit::l1_tick(2, "600000", 100000, 0.0f);
+  invalid.pre_close = 0;
+  fx_.deliver(5, Package(2, {invalid}));
+  EXPECT_TRUE(got.empty());
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Code 600000 receive invalide price [0.00, 0.00]..."));
 }
 
-TEST_F(L1TickTest, HongKongPackagesReachBothConnectMarkets) {
+TEST_F(L1TickTest, HongKongPackagesReachBothConnectMarketsWhateverTheFirstHostDoes) {
   std::vector<int> ids;
-  fx_.client().add_mkt_push_info(10, [&](const QuoteMap&) { ids.push_back(10); });
+  fx_.client().add_mkt_push_info(10, [&](const QuoteMap&) {
+    ids.push_back(10);
+    throw std::runtime_error("host failure");
+  });
   fx_.client().add_mkt_push_info(110, [&](const QuoteMap&) { ids.push_back(110); });
   fx_.deliver(5, Package(10, {testkit::l1_tick(10, "00700", 100000, 300.0f)}));
   EXPECT_EQ(ids, (std::vector<int>{10, 110}));
+  EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Once more for market SGT[110] package[1]....."));
+  EXPECT_TRUE(fx_.log().contains("数据服务线程, do bussiness catch Exception!!!..."));
   // A count equal to the market's instrument count is a full package, but not on HK.
   EXPECT_FALSE(fx_.log().contains("Start market"));
 }
@@ -233,6 +261,7 @@ TEST_F(L1TickTest, FullPackagesLogStartAndCostAndAfterHoursStayOut) {
   EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Start market [SH] package[2, "));
   EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] Complete market [SH] package[2], cost ["));
   EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp] return 600000.SH after hour data["));
+  EXPECT_EQ(fx_.log().count("[ApiMarketPushResp] 返回600000.SH #"), 5u);  // record A's levels, none of B's
   EXPECT_EQ(packages, 0);  // the main instrument was left out, the option went to 102
 
   late.after_hours_time = 153001;  // from 153000 on: inserted as the regular record

@@ -3,6 +3,9 @@
 // supplies the conversion of one record.
 #include <algorithm>
 #include <cstring>
+#include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "datamgr/DvDataMgr.h"
 #include "kelquote/KelQuoteClient.h"
@@ -72,16 +75,19 @@ void DvDataMgr::level2_stream(const void* data, size_t size, const Level2Stream&
   if (!reply.ok()) return;
   const char* function = stream.function;
   size_t count = reply.available(reply.head().count);
+  // one_vector: every record of the message, delivered once to the
+  // subscribers of each instrument it names, in order of first appearance.
   QuoteRecords batch;
-  std::string batch_key;
+  std::vector<std::string> batch_keys;
+  std::unordered_set<std::string> seen_keys;
   KelQuoteClient* host = client();
   auto deliver = [&](const std::string& key, const QuoteRecords& records) {
-    auto subscriptions = subscriptions_.snapshot();
-    auto [begin, end] = subscriptions->subscribers.equal_range(key);
-    CMyLog::PrintLog(LOG_TRACE, function, "Start return data[%d].....", static_cast<int>(std::distance(begin, end)));
-    for (auto it = begin; it != end; ++it) {
-      if (it->second.level != 1 || it->second.data_type != stream.data_type) continue;
-      short serial = static_cast<short>(it->second.serial);
+    auto subscribers = subscriptions_.subscribers(key);
+    CMyLog::PrintLog(LOG_TRACE, function, "Start return data[%d].....",
+                     static_cast<int>(subscribers->size()));
+    for (const TickSubscription& entry : *subscribers) {
+      if (entry.level != 1 || entry.data_type != stream.data_type) continue;
+      short serial = static_cast<short>(entry.serial);
       host->onSubscribe(serial, records);
     }
     CMyLog::PrintLog(LOG_TRACE, function, "Return data end.....");
@@ -119,15 +125,13 @@ void DvDataMgr::level2_stream(const void* data, size_t size, const Level2Stream&
       deliver(key, QuoteRecords{std::move(converted)});
       continue;
     }
-    // One delivery per run of records of one instrument.
-    if (!batch.empty() && key != batch_key) {
-      deliver(batch_key, batch);
-      batch.clear();
+    if ((batch_keys.empty() || batch_keys.back() != key) && seen_keys.insert(key).second) {
+      batch_keys.push_back(std::move(key));
     }
-    batch_key = key;
     batch.push_back(std::move(converted));
   }
-  if (!batch.empty()) deliver(batch_key, batch);
+  if (batch.empty()) return;
+  for (const std::string& key : batch_keys) deliver(key, batch);
 }
 
 void DvDataMgr::on_reply_data_l2_tick(const void* data, size_t size) {

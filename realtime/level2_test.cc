@@ -10,7 +10,9 @@ namespace {
 
 class Level2Test : public ::testing::Test {
  protected:
-  Level2Test() { fx_.init_market(2, {testkit::code_init("600000", "浦发银行", 2, 100)}, 10, 2); }
+  Level2Test() {
+    fx_.init_market(2, {testkit::code_init("600000", "浦发银行", 2, 100), testkit::code_init("600001", "x", 2, 100)}, 10, 2);
+  }
 
   ApiL2Snapshot Snapshot(int64_t last) {
     auto s = testkit::level2_record<ApiL2Snapshot>(2, "600000", 20240102, 100000);
@@ -64,6 +66,21 @@ TEST_F(Level2Test, SnapshotsTruncateTenThousandthsAndGoToDepthSubscribersOnly) {
   EXPECT_EQ(r->rawVolume, 12345);
   EXPECT_EQ(r->tradeCount, 3u);
   EXPECT_DOUBLE_EQ(r->pe, 5.0);
+
+  // Index snapshots: the same conversion without depth, under their own name.
+  auto index = testkit::level2_record<ApiL2Index>(2, "600000", 20240102, 100000);
+  index.last = 123456789;
+  index.volume = 500;
+  fx_.deliver(7, testkit::level2(std::vector<ApiL2Index>{index}));
+  got = fx_.received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[1].id, depth);
+  auto i = std::dynamic_pointer_cast<quoter::QuoterDepthData>(got[1].records.at(0));
+  ASSERT_NE(i, nullptr);
+  EXPECT_DOUBLE_EQ(i->lastPrice, 12345.0);
+  EXPECT_EQ(i->volume, 5);
+  EXPECT_DOUBLE_EQ(i->pe, 6172.5);
+  EXPECT_TRUE(fx_.log().contains("[DvDataMgr::on_reply_data_l2_tick_index]: [100000]返回600000.SH 数据: price[0.00, 0.00, 0.00, 12345.00"));
 }
 
 TEST_F(Level2Test, InvalidPricesFallBackToTheReferenceClose) {
@@ -80,11 +97,17 @@ TEST_F(Level2Test, InvalidPricesFallBackToTheReferenceClose) {
 TEST_F(Level2Test, TradesOfAMessageGoOutTogether) {
   int trades = fx_.subscribe("SH", "600000", 1801);
   fx_.subscribe("SH", "600000", 1802);
-  fx_.deliver(8, testkit::level2(std::vector<ApiL2Transaction>{Trade(105500, 93000123), Trade(106000, 93001000)}));
+  int other = fx_.subscribe("SH", "600001", 1801);
+  ApiL2Transaction b = Trade(106000, 93001000);
+  testkit::set_text(b.code, "600001");
+  fx_.deliver(8, testkit::level2(std::vector<ApiL2Transaction>{Trade(105500, 93000123), b, Trade(107000, 93002000)}));
+  // One vector of the whole message, once to each instrument's subscribers.
   auto got = fx_.received();
-  ASSERT_EQ(got.size(), 1u);
+  ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].id, trades);
-  ASSERT_EQ(got[0].records.size(), 2u);
+  EXPECT_EQ(got[1].id, other);
+  ASSERT_EQ(got[0].records.size(), 3u);
+  EXPECT_EQ(got[1].records, got[0].records);
   auto t = std::dynamic_pointer_cast<quoter::TransactionData>(got[0].records[0]);
   EXPECT_DOUBLE_EQ(t->price, 10.0);
   EXPECT_EQ(t->volume, 300);

@@ -63,7 +63,7 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
     if (a == nullptr) continue;
     bool after_hours = false;
     if (tick.board_kind == 8 && tick.after_hours_time >= 150456 && tick.after_hours_time <= 153005) {
-      auto b = after_hours_record(*a, tick, code, view, name, "[ApiMarketPushResp]");
+      auto b = after_hours_record(*a, tick, code, view, name, nullptr);
       if (tick.after_hours_time < 153000) {
         CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiMarketPushResp] return %s.%s after hour data[%.2f, %.2f].....",
                          code.c_str(), name.c_str(), b->lastPrice, b->askPrice[0]);

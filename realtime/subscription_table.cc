@@ -4,48 +4,91 @@
 
 namespace tavr {
 
-SubscriptionTable::SubscriptionTable() : current_(std::make_shared<const Snapshot>()) {}
+namespace {
+const SubscriptionTable::List kNoSubscribers;
+}  // namespace
+
+std::shared_ptr<const SubscriptionTable::List> SubscriptionTable::subscribers(const std::string& key) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  auto it = lists_.find(key);
+  if (it != lists_.end()) return it->second;
+  // Owns nothing: no count to touch for the many instruments nobody wants.
+  return std::shared_ptr<const List>(std::shared_ptr<const List>(), &kNoSubscribers);
+}
+
+bool SubscriptionTable::holds_serial(uint16_t serial) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return serials_.test(serial);
+}
+
+size_t SubscriptionTable::keys() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return lists_.size();
+}
+
+void SubscriptionTable::publish(const std::string& key, std::shared_ptr<const List> next, uint16_t serial,
+                                bool held) {
+  std::shared_ptr<const List> old;  // freed after the lock is left
+  std::lock_guard<std::mutex> lock(mu_);
+  serials_.set(serial, held);
+  auto it = lists_.find(key);
+  if (next->empty()) {
+    if (it != lists_.end()) {
+      old = std::move(it->second);
+      lists_.erase(it);
+    }
+  } else if (it != lists_.end()) {
+    old = std::exchange(it->second, std::move(next));
+  } else {
+    lists_.emplace(key, std::move(next));
+  }
+}
 
 bool SubscriptionTable::add(const std::string& key, TickSubscription entry) {
-  std::lock_guard<std::mutex> lock(mu_);
-  auto next = std::make_shared<Snapshot>(*snapshot());
+  std::lock_guard<std::mutex> lock(write_mu_);
+  auto it = lists_.find(key);  // writers are serialised: no reader changes lists_
+  auto next = std::make_shared<List>();
   bool fresh = true;
-  auto [begin, end] = next->subscribers.equal_range(key);
-  for (auto it = begin; it != end; ++it) {
-    if (it->second.level == entry.level) fresh = false;
+  if (it != lists_.end()) {
+    next->reserve(it->second->size() + 1);
+    for (const TickSubscription& held : *it->second) {
+      if (held.level == entry.level) fresh = false;
+      next->push_back(held);
+    }
   }
   if (fresh) subscribed_count.fetch_add(1);
-  next->subscribers.emplace(key, entry);  // after equal keys: insertion order
-  next->serials.emplace(entry.serial, 1);
-  std::shared_ptr<const Snapshot> old;
-  {
-    std::lock_guard<std::mutex> lock(current_mu_);
-    old = std::exchange(current_, std::move(next));
-  }
+  next->push_back(entry);
+  publish(key, std::move(next), entry.serial, true);
   return fresh;
 }
 
 bool SubscriptionTable::remove(const std::string& key, uint16_t serial, uint8_t& level) {
-  std::lock_guard<std::mutex> lock(mu_);
-  auto next = std::make_shared<Snapshot>(*snapshot());
-  bool cancel = true;
-  auto [begin, end] = next->subscribers.equal_range(key);
-  for (auto it = begin; it != end; ++it) {
-    if (it->second.serial != serial) continue;
-    level = it->second.level;
-    next->subscribers.erase(it);
-    auto [rest, rest_end] = next->subscribers.equal_range(key);
-    for (auto r = rest; r != rest_end; ++r) {
-      if (r->second.level == level) cancel = false;
+  std::lock_guard<std::mutex> lock(write_mu_);
+  auto it = lists_.find(key);
+  std::shared_ptr<List> next;
+  bool found = false;
+  if (it != lists_.end()) {
+    next = std::make_shared<List>();
+    next->reserve(it->second->size());
+    for (const TickSubscription& held : *it->second) {
+      if (!found && held.serial == serial) {
+        found = true;
+        level = held.level;
+        continue;
+      }
+      next->push_back(held);
     }
-    break;
   }
-  next->serials.erase(serial);
-  std::shared_ptr<const Snapshot> old;
-  {
-    std::lock_guard<std::mutex> lock(current_mu_);
-    old = std::exchange(current_, std::move(next));
+  if (!found) {
+    std::lock_guard<std::mutex> serials_lock(mu_);
+    serials_.reset(serial);
+    return true;
   }
+  bool cancel = true;
+  for (const TickSubscription& rest : *next) {
+    if (rest.level == level) cancel = false;
+  }
+  publish(key, std::move(next), serial, false);
   return cancel;
 }
 

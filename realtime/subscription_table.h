@@ -1,16 +1,21 @@
-// The per-instrument subscription tables. Writers (host threads) copy,
-// change and publish; readers (the tick handlers on the service threads)
-// take the published snapshot under a lock held only for a pointer copy, so
-// a delivery never waits for a subscribe and never sees a table half changed.
+// The per-instrument subscription tables. Each instrument key has its own
+// subscriber list, which is never changed once published: a subscribe or
+// unsubscribe builds that one instrument's next list and swaps the pointer,
+// so a change costs the instrument's subscribers, not the whole table. The
+// tick handlers on the service threads hold the lock only to find the key
+// and copy the pointer, so a delivery never waits for a subscribe and never
+// sees a list half changed.
 #ifndef KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 #define KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 
 #include <atomic>
+#include <bitset>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace tavr {
 
@@ -22,12 +27,8 @@ struct TickSubscription {
 
 class SubscriptionTable {
  public:
-  struct Snapshot {
-    std::multimap<std::string, TickSubscription> subscribers;  // key "code.market"
-    std::map<uint16_t, int32_t> serials;                         // serial -> 1
-  };
-
-  SubscriptionTable();
+  // One instrument's entries in subscription order.
+  using List = std::vector<TickSubscription>;
 
   // Adds an entry; true when no entry of the same key and level existed.
   bool add(const std::string& key, TickSubscription entry);
@@ -36,18 +37,23 @@ class SubscriptionTable {
   // that was never entered (level is then left as passed).
   bool remove(const std::string& key, uint16_t serial, uint8_t& level);
 
-  std::shared_ptr<const Snapshot> snapshot() const {
-    std::lock_guard<std::mutex> lock(current_mu_);
-    return current_;
-  }
-  bool holds_serial(uint16_t serial) const { return snapshot()->serials.count(serial) != 0; }
+  // The entries of key (empty when none); a list never changes while held.
+  std::shared_ptr<const List> subscribers(const std::string& key) const;
+  bool holds_serial(uint16_t serial) const;
+  // Instrument keys with at least one entry.
+  size_t keys() const;
 
   std::atomic<uint32_t> subscribed_count{0};  // distinct (key, level) pairs subscribed
 
  private:
-  std::mutex mu_;                  // serialises writers
-  mutable std::mutex current_mu_;  // guards the pointer, not the snapshot
-  std::shared_ptr<const Snapshot> current_;
+  // Publishes next as key's list (dropping the key when it is empty) and
+  // marks serial held or free.
+  void publish(const std::string& key, std::shared_ptr<const List> next, uint16_t serial, bool held);
+
+  std::mutex write_mu_;  // serialises writers; only they change lists_ and serials_
+  mutable std::mutex mu_;  // guards lists_ and serials_ against the readers
+  std::unordered_map<std::string, std::shared_ptr<const List>> lists_;
+  std::bitset<65536> serials_;
 };
 
 }  // namespace tavr

@@ -86,38 +86,46 @@ TEST_F(SubscriptionsTest, SerialsWrapAndSkipHeldIds) {
   }
 }
 
-TEST_F(SubscriptionsTest, WholeMarkets) {
-  EXPECT_EQ(mgr().request_mkt_tick_push("SZ", 100), 101);
-  EXPECT_EQ(api().count("SubscribeMarketPush"), 0u);
-  mgr().release_mkt_tick_push(101);
-  EXPECT_EQ(api().count("UnsubscribeMarketPush"), 0u);
-
-  EXPECT_EQ(mgr().request_mkt_tick_push("SH", 0), 2);
-  auto item = testkit::record_of<ApiMarketItem>(api().calls("SubscribeMarketPush")[0]);
+// Through the client, which releases what it holds once.
+TEST_F(SubscriptionsTest, WholeMarketsAndReleases) {
+  // Options markets ride on their market's push: nothing is sent either way.
+  EXPECT_EQ(fx_.client().subWholeQuote("SZO", [](const QuoteMap&) {}), 101);
+  fx_.client().unWholeQuote(101);
+  EXPECT_EQ(fx_.client().subWholeQuote("SH", [](const QuoteMap&) {}), 2);
+  auto item = testkit::record_of<ApiMarketItem>(api().calls("SubscribeMarketPush").at(0));
   EXPECT_EQ(uint16_t{item.market_short}, 2);
   EXPECT_EQ(int32_t{item.market}, 2);
-  mgr().release_mkt_tick_push(2);
-  auto cancel = testkit::record_of<ApiMarketItem>(api().calls("UnsubscribeMarketPush")[0]);
-  EXPECT_EQ(int32_t{cancel.market}, 2);
+  fx_.client().unWholeQuote(2);
+  fx_.client().unWholeQuote(2);
+  auto cancels = api().calls("UnsubscribeMarketPush");
+  ASSERT_EQ(cancels.size(), 1u);
+  EXPECT_EQ(int32_t{testkit::record_of<ApiMarketItem>(cancels[0]).market}, 2);
   EXPECT_TRUE(fx_.log().contains("Success to send unsubscrib SH!!!"));
+
+  quoter::TSMetaInfo meta = Request("600000", 3000);
+  meta.market = "SH";
+  meta.period = 60000;
+  int id = fx_.client().subscribeQuote(meta, {}, "", nullptr);
+  EXPECT_TRUE(fx_.log().contains("[tavr::KelQuoteClient::subscribeQuote]: [id=21]Sub 600000.SH quote [60000]...."));
+  fx_.client().unsubscribe(id);
+  fx_.client().unsubscribe(id);
+  EXPECT_EQ(api().count("UnsubscribeL1"), 1u);
+  EXPECT_FALSE(mgr().serial_in_use(21));
+  EXPECT_TRUE(fx_.log().contains("[tavr::KelQuoteClient::unsubscribe]: delete 600000.SH subscrib info...."));
 
   api().set_result("SubscribeMarketPush", -1);
   EXPECT_EQ(mgr().request_mkt_tick_push("HK", 0), -1);
   api().set_result("UnsubscribeMarketPush", -1);
   mgr().release_mkt_tick_push(10);
   EXPECT_TRUE(fx_.log().contains("Failed to send unsubscrib!!!"));
-
-  // Through the client: options markets use mode 100.
-  EXPECT_EQ(fx_.client().subWholeQuote("SHO", [](const QuoteMap&) {}), 102);
 }
 
 TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
   std::atomic<bool> done{false};
   std::thread reader([&] {
     while (!done.load()) {
-      auto snapshot = mgr().subscriptions().snapshot();
-      auto [begin, end] = snapshot->subscribers.equal_range("600000.SH");
-      for (auto it = begin; it != end; ++it) ASSERT_GE(it->second.serial, 20);
+      auto list = mgr().subscriptions().subscribers("600000.SH");
+      for (const TickSubscription& entry : *list) ASSERT_GE(entry.serial, 20);
     }
   });
   for (int round = 0; round < 200; ++round) {
@@ -129,7 +137,7 @@ TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
   done = true;
   reader.join();
   EXPECT_EQ(count(), 0u);
-  EXPECT_TRUE(mgr().subscriptions().snapshot()->subscribers.empty());
+  EXPECT_EQ(mgr().subscriptions().keys(), 0u);
 }
 
 }  // namespace

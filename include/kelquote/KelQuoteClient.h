@@ -72,6 +72,8 @@ class KELQUOTE_API KelQuoteClient : public BaseQuoteClient {
   void startLogin(int action);
   // Registers a history request's callback, replacing any under the same id.
   void add_history_info(short id, QuoteCallback callback);
+  // Registers a financial request's parameter and callback, replacing any under the same id.
+  void add_finance_info(short id, const FinanceDataParam& param, FinanceCallback callback);
 
   struct State;
   State* state_;
