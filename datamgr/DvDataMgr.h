@@ -14,6 +14,7 @@
 #include <mutex>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dataapi/DataApi.h"
@@ -154,6 +155,9 @@ class DvDataMgr {
   void set_connected(bool connected);
   // The reaction to the vendor's connection report, on the vendor's thread.
   void on_connect_status(int server, int status);
+  // The vendor gave up: stop now, or as soon as a running init, start or
+  // stop lets go, without waiting for it.
+  void stop_from_vendor();
   // The gate at the head of a request: false, with its ERROR line under
   // function, when the service is stopped or stays disconnected for 5 x 400 ms.
   bool pass_request_gate(const char* function);
@@ -255,7 +259,16 @@ class DvDataMgr {
   // Milliseconds since the request id was sent, 0 when unknown.
   double since_sent(uint16_t id);
 
-  std::mutex lifecycle_mu_;  // serialises init, start and stop
+  // init, start and stop run one at a time under LifecycleLock. A failure
+  // the vendor reports meanwhile (or from inside Connect) must not wait for
+  // them: it is noted in stop_pending_ and carried out by whoever holds the
+  // lock when it lets go.
+  class LifecycleLock;
+  void stop_locked();
+  void drain_stop();
+  std::mutex lifecycle_mu_;
+  std::atomic<std::thread::id> lifecycle_owner_{};
+  std::atomic<bool> stop_pending_{false};
   bool inited_ = false;
   CDataApi* api_ = nullptr;
   std::atomic<KelQuoteClient*> client_{nullptr};

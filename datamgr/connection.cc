@@ -25,7 +25,7 @@ void DvDataMgr::on_connect_status(int server, int status) {
       break;
     case 2:
       client()->onConnectStatusChange(2, "Dravik后台数据连接失败，请稍后重新登陆....");
-      stop();
+      stop_from_vendor();
       break;
     default:
       break;

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -94,6 +95,29 @@ TEST_F(ConnectionTest, GateFailsAtOnceWhenStopped) {
   EXPECT_FALSE(mgr_.pass_request_gate("F"));
   EXPECT_TRUE(log_.contains("需要客户端重启"));
   EXPECT_FALSE(log_.contains("信息正初始化"));
+}
+
+// A vendor that gives up from inside Connect, on the connecting thread or
+// another, neither hangs nor waits for the start: the start fails and the
+// service stops.
+TEST_F(ConnectionTest, AFailureReportedDuringConnectStopsWithoutWaiting) {
+  ASSERT_TRUE(mgr_.init(true));
+  for (bool same_thread : {true, false}) {
+    api_.on_connect([this, same_thread] {
+      if (same_thread) {
+        mgr_.on_connect_status(0, 2);
+        return;
+      }
+      auto reported = std::async(std::launch::async, [this] { mgr_.on_connect_status(0, 2); });
+      EXPECT_EQ(reported.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    });
+    EXPECT_FALSE(mgr_.start()) << same_thread;
+    EXPECT_FALSE(mgr_.is_started());
+    EXPECT_EQ(mgr_.thread_count(), 0);
+  }
+  api_.on_connect(nullptr);
+  EXPECT_TRUE(mgr_.start());
+  mgr_.stop();
 }
 
 TEST_F(ConnectionTest, GateWaitsThroughALossAndARestore) {

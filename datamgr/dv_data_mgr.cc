@@ -42,8 +42,43 @@ void DvDataMgr::seed_markets() {
   calendar_.reset();
 }
 
+class DvDataMgr::LifecycleLock {
+ public:
+  explicit LifecycleLock(DvDataMgr& mgr) : mgr_(mgr) {
+    mgr_.lifecycle_mu_.lock();
+    mgr_.lifecycle_owner_.store(std::this_thread::get_id());
+  }
+  ~LifecycleLock() {
+    mgr_.lifecycle_owner_.store(std::thread::id());
+    mgr_.lifecycle_mu_.unlock();
+    mgr_.drain_stop();
+  }
+  LifecycleLock(const LifecycleLock&) = delete;
+  LifecycleLock& operator=(const LifecycleLock&) = delete;
+
+ private:
+  DvDataMgr& mgr_;
+};
+
+void DvDataMgr::drain_stop() {
+  while (stop_pending_.load()) {
+    if (!lifecycle_mu_.try_lock()) return;  // the holder drains when it lets go
+    lifecycle_owner_.store(std::this_thread::get_id());
+    if (stop_pending_.exchange(false)) stop_locked();
+    lifecycle_owner_.store(std::thread::id());
+    lifecycle_mu_.unlock();
+  }
+}
+
+void DvDataMgr::stop_from_vendor() {
+  stop_pending_.store(true);
+  // Reported from inside our own start's Connect: start carries it out.
+  if (lifecycle_owner_.load() == std::this_thread::get_id()) return;
+  drain_stop();
+}
+
 bool DvDataMgr::init(bool isReal) {
-  std::lock_guard<std::mutex> lock(lifecycle_mu_);
+  LifecycleLock lock(*this);
   if (inited_) {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::init", "Already inited, do nothing....");
     return true;
@@ -65,7 +100,7 @@ bool DvDataMgr::init(bool isReal) {
 }
 
 bool DvDataMgr::start() {
-  std::lock_guard<std::mutex> lock(lifecycle_mu_);
+  LifecycleLock lock(*this);
   // Started before (the connection may have gone since): connect again with
   // the service and timer threads that run.
   const bool threads_run = running_.load();
@@ -95,6 +130,11 @@ bool DvDataMgr::start() {
     running_.store(false);
     end_service_threads();
     if (threads_run) end_timer_thread();
+    return false;
+  }
+  // The vendor gave up while connecting: the connection failed after all.
+  if (stop_pending_.exchange(false)) {
+    stop_locked();
     return false;
   }
   set_connected(true);
@@ -135,8 +175,13 @@ void DvDataMgr::end_timer_thread() {
 }
 
 bool DvDataMgr::stop() {
-  std::lock_guard<std::mutex> lock(lifecycle_mu_);
-  if (!running_.load()) return true;
+  LifecycleLock lock(*this);
+  stop_locked();
+  return true;
+}
+
+void DvDataMgr::stop_locked() {
+  if (!running_.load()) return;
   if (api_ != nullptr) api_->Release();
   set_connected(false);
   running_.store(false);
@@ -147,7 +192,6 @@ bool DvDataMgr::stop() {
     std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
     calendar_.hk_rates.clear();
   }
-  return true;
 }
 
 void DvDataMgr::push_msg(DataMsg* msg) {

@@ -52,10 +52,20 @@ int FakeDataApi::RegisterServer(const ServerTable* servers, CDataApiCallBack* ca
   return Int("RegisterServer", servers != nullptr ? static_cast<int64_t>(servers->size()) : -1);
 }
 
+void FakeDataApi::on_connect(std::function<void()> fn) {
+  std::lock_guard<std::mutex> lock(mu_);
+  on_connect_ = std::move(fn);
+}
+
 int FakeDataApi::Connect(ConnectResult* result) {
   int rc = Int("Connect", 0);
-  std::lock_guard<std::mutex> lock(mu_);
-  if (result != nullptr) *result = connect_result_;
+  std::function<void()> during;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (result != nullptr) *result = connect_result_;
+    during = on_connect_;
+  }
+  if (during) during();
   return rc;
 }
 

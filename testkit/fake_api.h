@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ class FakeDataApi final : public CDataApi {
   void set_result(const std::string& op, int result);
   // What Connect writes into its result record.
   void set_connect_result(ConnectResult result);
+  // Runs inside Connect on the calling thread, as a vendor reporting from
+  // within the call does.
+  void on_connect(std::function<void()> fn);
 
   std::vector<ApiCall> calls() const;
   std::vector<ApiCall> calls(const std::string& op) const;
@@ -103,6 +107,7 @@ class FakeDataApi final : public CDataApi {
   std::vector<ApiCall> calls_;
   std::map<std::string, int> results_;
   ConnectResult connect_result_{0, 0, 0};
+  std::function<void()> on_connect_;
   CDataApiCallBack* callback_ = nullptr;
   ServerTable servers_;
 };
