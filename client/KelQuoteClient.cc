@@ -219,7 +219,9 @@ void KelQuoteClient::unsubscribe(int id) {
   SizedRollingFileAppender::FlushBatch batch;
   CMyLog::PrintLog(LOG_INFO, function, "delete %d subscrib info....", id);
   std::string code, market;
-  if (!del_quote_info(static_cast<short>(id), code, market)) return;
+  // Ids are 16-bit: a wider one was never handed out, and cut to 16 bits it
+  // would name someone else's subscription.
+  if (id != static_cast<short>(id) || !del_quote_info(static_cast<short>(id), code, market)) return;
   if (DvDataMgr* mgr = data_manager()) mgr->release_tick_push(code, market, static_cast<uint16_t>(id));
   CMyLog::PrintLog(LOG_INFO, function, "delete %s.%s subscrib info....", code.c_str(), market.c_str());
 }
@@ -246,7 +248,7 @@ int KelQuoteClient::subWholeQuote(const std::string& host_market, WholeQuoteCall
 
 void KelQuoteClient::unWholeQuote(int id) {
   CMyLog::PrintLog(LOG_INFO, "tavr::KelQuoteClient::unWholeQuote", "delete %d market subscrib info....", id);
-  if (!del_mkt_push_info(static_cast<short>(id))) return;
+  if (id != static_cast<short>(id) || !del_mkt_push_info(static_cast<short>(id))) return;
   if (DvDataMgr* mgr = data_manager()) mgr->release_mkt_tick_push(static_cast<int16_t>(id));
 }
 

@@ -148,6 +148,14 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   client_.unsubscribe(41);
   ASSERT_EQ(log_.lines().size(), 1u) << log_.dump();
   EXPECT_EQ(log_.lines()[0].text, "[tavr::KelQuoteClient::unsubscribe]: delete 41 subscrib info....");
+
+  // An id that was never handed out does not stand for its low 16 bits.
+  client_.add_quote_info(42, "600000", "SH", Recorder(first));
+  client_.add_mkt_push_info(2, [](const QuoteMap&) {});
+  client_.unsubscribe(42 + 65536);
+  client_.unWholeQuote(2 - 65536);
+  EXPECT_TRUE(client_.del_quote_info(42, code, market));
+  EXPECT_TRUE(client_.del_mkt_push_info(2));
 }
 
 TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
