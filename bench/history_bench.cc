@@ -110,9 +110,10 @@ std::vector<Bytes> Blocks(const std::vector<Element>& elements, Make make) {
 // element.
 void Run(benchmark::State& state, int32_t meta_id, int64_t period, const char* operation, std::vector<Bytes> blocks,
          VendorCall call) {
-  Pipeline pipeline;
+  // Before the pipeline: its service threads stop before these go.
   std::atomic<int64_t> received{0};
   std::atomic<int64_t> lasts{0};
+  Pipeline pipeline;
   auto host = [&](se::EQuoteSubStatus, const tavr::QuoteRecords& records, se::EDataArrivedTag tag) {
     if (tag == se::kArrivedLast) lasts.fetch_add(1, std::memory_order_relaxed);
     received.fetch_add(static_cast<int64_t>(records.size()), std::memory_order_release);
