@@ -33,6 +33,8 @@ class Pipeline {
   tavr::DvDataMgr& mgr() { return mgr_; }
   tavr::KelQuoteClient& client() { return client_; }
   CDataApiCallBack* vendor() { return mgr_.callback(); }
+  // The vendor's side of requests: what the library sent.
+  testkit::FakeDataApi& api() { return api_; }
   int subscribe(const std::string& code, int32_t data_type, tavr::QuoteCallback callback);
 
   // Waits until counter reaches target; false after 60 s.

@@ -113,17 +113,28 @@ void ConvertBarTicks(const uint8_t* elements, size_t n, const HisBlock& b, bool 
   }
 }
 
+// Ten-thousandths rounded to whole steps of Step of them: a constant divisor
+// per precision, as a tick converts some twenty prices.
+template <int64_t Step>
+double RoundedTo(int64_t units) {
+  int64_t whole = units / Step;
+  int64_t rest = units % Step;
+  if (rest * 2 >= Step) ++whole;
+  if (rest * 2 <= -Step) --whole;
+  return static_cast<double>(whole) / static_cast<double>(10000 / Step);
+}
+
 }  // namespace
 
 double his_price(int64_t units, int digits) {
-  static const int64_t kPowers[] = {1, 10, 100, 1000, 10000};
-  if (digits < 0 || digits > 4) return round_to(units / 10000.0, digits);
-  int64_t step = kPowers[4 - digits];
-  int64_t whole = units / step;
-  int64_t rest = units % step;
-  if (rest * 2 >= step) ++whole;
-  if (rest * 2 <= -step) --whole;
-  return static_cast<double>(whole) / static_cast<double>(kPowers[digits]);
+  switch (digits) {
+    case 0: return RoundedTo<10000>(units);
+    case 1: return RoundedTo<1000>(units);
+    case 2: return RoundedTo<100>(units);
+    case 3: return RoundedTo<10>(units);
+    case 4: return RoundedTo<1>(units);
+    default: return round_to(units / 10000.0, digits);
+  }
 }
 
 int32_t his_lots(int64_t shares, int unit) {

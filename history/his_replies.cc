@@ -83,6 +83,30 @@ size_t Present(int32_t count, size_t size, size_t head, size_t element) {
   return std::min(static_cast<size_t>(count), fit);
 }
 
+// The list a block's records are delivered in. Its storage stays with the
+// service thread from block to block, up to a bound: a new list per block is
+// one large allocation each time, which the allocator serves by first
+// merging the small blocks of the records just freed, record by record.
+class RecordList {
+ public:
+  RecordList() { records_.swap(Spare()); }
+  ~RecordList() {
+    records_.clear();
+    if (records_.capacity() <= kKeep) records_.swap(Spare());
+  }
+  RecordList(const RecordList&) = delete;
+  RecordList& operator=(const RecordList&) = delete;
+  QuoteRecords& get() { return records_; }
+
+ private:
+  static constexpr size_t kKeep = 4096;
+  static QuoteRecords& Spare() {
+    thread_local QuoteRecords spare;
+    return spare;
+  }
+  QuoteRecords records_;
+};
+
 }  // namespace
 
 template <typename Block>
@@ -161,7 +185,8 @@ void DvDataMgr::history_reply(const void* data, size_t size) {
     CMyLog::PrintLog(LOG_ERROR, kFunction, texts.bad_count.c_str(), id, count,
                      static_cast<int>((size - sizeof(Head)) / element), static_cast<int>(n));
   }
-  QuoteRecords records;
+  RecordList list;
+  QuoteRecords& records = list.get();
   records.reserve(n);
   Block::convert(head, static_cast<const uint8_t*>(data) + sizeof(Head), n, block, records);
 

@@ -1,6 +1,7 @@
 #include <chrono>
 #include <thread>
 
+#include "history/his_convert.h"
 #include "history/history_test.h"
 #include "realtime/l1_convert.h"
 
@@ -180,6 +181,18 @@ TEST_F(HistoryTest, TicksAreRoundedHalfAwayFromZeroAndTheFirstSkippedOneEndsTheB
     EXPECT_EQ(a.volume, 123);
     EXPECT_EQ(a.tradingPhase, 22u);
   }
+}
+
+TEST(HistoryPriceTest, RoundsHalfAwayFromZeroAtEveryPrecision) {
+  const struct {
+    int64_t units;
+    int digits;
+    double price;
+  } cases[] = {{125000, 0, 13},       {-125000, 0, -13},      {124999, 0, 12},        {123500, 1, 12.4},
+               {-123500, 1, -12.4},   {123499, 1, 12.3},      {123450, 2, 12.35},     {-123450, 2, -12.35},
+               {123449, 2, 12.34},    {123455, 3, 12.346},    {-123455, 3, -12.346},  {123454, 3, 12.345},
+               {-123455, 4, -12.3455}, {123455, 5, 12.3455}};
+  for (const auto& c : cases) EXPECT_EQ(his_price(c.units, c.digits), c.price) << c.units << " to " << c.digits;
 }
 
 TEST_F(HistoryTest, BadBlocksAreLoggedAndReadNoFurtherThanTheirBytes) {

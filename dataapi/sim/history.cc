@@ -316,4 +316,27 @@ std::vector<Bytes> history_blocks(const Universe& universe, HistoryKind kind, co
   return {};
 }
 
+std::vector<Bytes> with_fault(HistoryFault fault, std::vector<Bytes> blocks) {
+  if (blocks.empty()) return blocks;
+  switch (fault) {
+    case HistoryFault::kLoseLast:
+      blocks.pop_back();
+      break;
+    case HistoryFault::kDuplicate:
+      blocks.insert(blocks.begin(), blocks.front());
+      break;
+    case HistoryFault::kUnknownId: {
+      Bytes stray = blocks.front();
+      // Every block head begins with the request id.
+      std::memcpy(stray.data(), &kStrayHistoryId, sizeof(kStrayHistoryId));
+      blocks.insert(blocks.begin(), std::move(stray));
+      break;
+    }
+    case HistoryFault::kNone:
+    case HistoryFault::kDelay:
+      break;
+  }
+  return blocks;
+}
+
 }  // namespace sim

@@ -32,6 +32,18 @@ enum class HistoryKind { kBars, kLevel1Ticks, kAfterHoursTicks };
 // the end date, or the market's trading day when earlier.
 std::vector<Bytes> history_blocks(const Universe& universe, HistoryKind kind, const void* request);
 
+// What a test can make the service do to its history answers.
+enum class HistoryFault : int { kNone = 0, kLoseLast = 1, kDuplicate = 2, kUnknownId = 3, kDelay = 4 };
+
+// The request id of the unknown-id fault's block: the library hands out ids
+// from 20 to 30000 only.
+constexpr int16_t kStrayHistoryId = 32000;
+
+// An answer's blocks as fault sends them: the last one lost; the first one
+// twice in a row; a copy of the first one under kStrayHistoryId ahead of
+// them all. A delay changes no block.
+std::vector<Bytes> with_fault(HistoryFault fault, std::vector<Bytes> blocks);
+
 }  // namespace sim
 
 #endif  // KELQUOTE_DATAAPI_SIM_HISTORY_H_

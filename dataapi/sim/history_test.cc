@@ -132,5 +132,31 @@ TEST_F(SimHistoryTest, TicksEveryThreeSecondsAndAfterHoursOnTheBoardsThatTradeTh
   EXPECT_GE(none[0].size(), sizeof(ApiHisTickKcbResp) + sizeof(ApiHisTickKcb));
 }
 
+TEST_F(SimHistoryTest, FaultsLoseDoubleOrMisaddressABlock) {
+  const Instrument* share = First(kSH, kTypeMainStock);
+  auto blocks = Bars(kSH, share->code, 7, 20240902, 20240920);
+  ASSERT_GE(blocks.size(), 3u);
+  EXPECT_EQ(with_fault(HistoryFault::kNone, blocks), blocks);
+  EXPECT_EQ(with_fault(HistoryFault::kDelay, blocks), blocks);
+  EXPECT_EQ(with_fault(HistoryFault::kLoseLast, blocks), std::vector<Bytes>(blocks.begin(), blocks.end() - 1));
+
+  auto twice = with_fault(HistoryFault::kDuplicate, blocks);
+  ASSERT_EQ(twice.size(), blocks.size() + 1);
+  EXPECT_EQ(twice.front(), blocks.front());
+  EXPECT_EQ(std::vector<Bytes>(twice.begin() + 1, twice.end()), blocks);
+
+  auto stray = with_fault(HistoryFault::kUnknownId, blocks);
+  ASSERT_EQ(stray.size(), blocks.size() + 1);
+  EXPECT_EQ(Read<int16_t>(stray.front()), kStrayHistoryId);
+  EXPECT_EQ(Bytes(stray.front().begin() + 2, stray.front().end()), Bytes(blocks.front().begin() + 2, blocks.front().end()));
+  EXPECT_EQ(std::vector<Bytes>(stray.begin() + 1, stray.end()), blocks);
+
+  // A one-block answer loses everything, or comes twice as its last block.
+  auto one = Bars(kSH, share->code, 1, 20240918, 20240920);
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_TRUE(with_fault(HistoryFault::kLoseLast, one).empty());
+  EXPECT_EQ(with_fault(HistoryFault::kDuplicate, one), std::vector<Bytes>(2, one.front()));
+}
+
 }  // namespace
 }  // namespace sim

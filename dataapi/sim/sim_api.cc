@@ -268,19 +268,41 @@ int SimDataApi::ReqHisTickKcb(const HisTickRequest* request) {
   return answer_history(HistoryKind::kAfterHoursTicks, request, &CDataApiCallBack::OnRespHisTickKcbData);
 }
 
+bool SimDataApi::set_history_fault(int fault, int delay_ms) {
+  if (fault < static_cast<int>(HistoryFault::kNone) || fault > static_cast<int>(HistoryFault::kDelay)) return false;
+  if (delay_ms < 0 || delay_ms > kMaxIntervalMs) return false;
+  std::lock_guard<std::mutex> lock(mu_);
+  history_fault_ = static_cast<HistoryFault>(fault);
+  history_delay_ms_ = delay_ms;
+  return true;
+}
+
 int SimDataApi::answer_history(HistoryKind kind, const void* request, Handler handler) {
   std::vector<Reply> replies;
+  std::optional<Clock::time_point> when;
   {
     std::lock_guard<std::mutex> lock(mu_);
     if (!serving()) return -1;
-    for (Bytes& block : history_blocks(universe(), kind, request)) replies.emplace_back(handler, std::move(block));
+    std::vector<Bytes> blocks = history_blocks(universe(), kind, request);
+    if (blocks.empty()) return -1;
+    for (Bytes& block : with_fault(history_fault_, std::move(blocks))) replies.emplace_back(handler, std::move(block));
+    if (history_fault_ == HistoryFault::kDelay) when = Clock::now() + std::chrono::milliseconds(history_delay_ms_);
   }
-  if (replies.empty()) return -1;
-  deliver(std::move(replies));
+  deliver(std::move(replies), when);
   return 0;
 }
 
-void SimDataApi::deliver(std::vector<Reply> replies) {
+void SimDataApi::deliver(std::vector<Reply> replies, std::optional<Clock::time_point> when) {
+  if (when) {
+    // One task, so that nothing posted meanwhile comes between the replies.
+    auto all = std::make_shared<const std::vector<Reply>>(std::move(replies));
+    deliver(
+        [all](CDataApiCallBack* callback) {
+          for (const Reply& reply : *all) (callback->*reply.first)(reply.second.data());
+        },
+        *when);
+    return;
+  }
   for (Reply& reply : replies) {
     auto bytes = std::make_shared<const std::vector<uint8_t>>(std::move(reply.second));
     Handler handler = reply.first;
@@ -288,15 +310,20 @@ void SimDataApi::deliver(std::vector<Reply> replies) {
   }
 }
 
-void SimDataApi::deliver(std::function<void(CDataApiCallBack*)> fn) {
-  callbacks_.post([this, fn = std::move(fn)] {
+void SimDataApi::deliver(std::function<void(CDataApiCallBack*)> fn, std::optional<Clock::time_point> when) {
+  CallbackThread::Task task = [this, fn = std::move(fn)] {
     CDataApiCallBack* callback;
     {
       std::lock_guard<std::mutex> lock(mu_);
       callback = callback_;
     }
     if (callback != nullptr) fn(callback);
-  });
+  };
+  if (when) {
+    callbacks_.post_at(*when, std::move(task));
+  } else {
+    callbacks_.post(std::move(task));
+  }
 }
 
 }  // namespace sim
@@ -314,3 +341,7 @@ int SimWaitIdle(int timeout_ms) { return sim::SimDataApi::instance().wait_idle(t
 int SimChangeMarket(int market_id) { return sim::SimDataApi::instance().change_market(market_id) ? 0 : -1; }
 
 void SimSetSeed(unsigned seed) { sim::SimDataApi::instance().set_seed(seed); }
+
+int SimSetHistoryFault(int fault, int delay_ms) {
+  return sim::SimDataApi::instance().set_history_fault(fault, delay_ms) ? 0 : -1;
+}

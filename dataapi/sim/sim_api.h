@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,9 @@ class SimDataApi final : public CDataApi {
   // The streams' clock reads hhmmss now and runs on from there; a negative
   // value returns it to the local clock. False for an invalid time.
   bool set_time_of_day(int hhmmss);
+  // How history answers go out from now on; delay_ms counts for kDelay only.
+  // False for another fault or a delay outside 0 ms to an hour.
+  bool set_history_fault(int fault, int delay_ms);
 
   // Requests answer on the callback thread and return 0, or return -1 and
   // answer nothing while not connected or for an unknown market or kind.
@@ -118,16 +122,19 @@ class SimDataApi final : public CDataApi {
   int UnsubscribeMarketPush(const ApiMarketItem* item) override;
 
  private:
+  using Clock = CallbackThread::Clock;
   using Handler = int (CDataApiCallBack::*)(const void*);
   using Reply = std::pair<Handler, std::vector<uint8_t>>;
 
   // A financial request of kind (its bit value), answered on the callback
   // thread as the finance modes say; -1 outside the stock markets.
   int finance(int kind, const FinanceRequest* request);
-  // Runs fn with the registered callback object on the callback thread.
-  void deliver(std::function<void(CDataApiCallBack*)> fn);
-  // Lends each reply's bytes to its callback, in order, on the callback thread.
-  void deliver(std::vector<Reply> replies);
+  // Runs fn with the registered callback object on the callback thread, at
+  // when if given.
+  void deliver(std::function<void(CDataApiCallBack*)> fn, std::optional<Clock::time_point> when = std::nullopt);
+  // Lends each reply's bytes to its callback, in order, on the callback
+  // thread; all of them together at when, if given.
+  void deliver(std::vector<Reply> replies, std::optional<Clock::time_point> when = std::nullopt);
   // Callers hold mu_.
   bool serving() const { return connected_ && callback_ != nullptr; }
   Universe& universe();
@@ -139,7 +146,6 @@ class SimDataApi final : public CDataApi {
 
   // Streams: one scheduler task on the callback thread serves every stream
   // that is due and posts itself again for the next one due.
-  using Clock = CallbackThread::Clock;
   enum class StreamKind : uint8_t { kLevel1, kLevel2, kMarket };
   struct StreamKey {
     StreamKind kind;
@@ -184,6 +190,8 @@ class SimDataApi final : public CDataApi {
   int stream_interval_ms_ = kDefaultStreamIntervalMs;
   int push_interval_ms_ = kDefaultPushIntervalMs;
   int64_t clock_offset_ms_ = 0;
+  HistoryFault history_fault_ = HistoryFault::kNone;
+  int history_delay_ms_ = 0;
   uint64_t tick_token_ = 0;
   Clock::time_point tick_at_ = Clock::time_point::max();  // of the pending scheduler task
   // Checksum of each market's last status sent: a status reports a change

@@ -54,6 +54,14 @@ DATAAPI_API int SimSetTimeOfDay(int hhmmss);
 // tradable holders), from now on: mode 0 as usual, 1 never, 2 twice, 3 with
 // a count of -1. Returns -1 for another kind or mode, else 0.
 DATAAPI_API int SimSetFinanceReply(int kind, int mode);
+
+// How the service answers history requests from now on: fault 0 as usual,
+// 1 without the last block, 2 with the first block twice in a row, 3 after a
+// copy of the first block under an id no request holds (32000), 4 delay_ms
+// late (the blocks still in order, nothing between them). delay_ms counts
+// for fault 4 only. Returns -1 for another fault or a delay outside 0 ms to
+// an hour, else 0.
+DATAAPI_API int SimSetHistoryFault(int fault, int delay_ms);
 }
 
 #endif  // KELQUOTE_DATAAPI_SIM_SIM_CONTROL_H_
