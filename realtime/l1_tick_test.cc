@@ -1,5 +1,7 @@
 #include <cstring>
 #include <iterator>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -311,6 +313,63 @@ TEST(L1OrderingTest, EachInstrumentKeepsTheVendorsOrder) {
     ASSERT_EQ(sums.size(), static_cast<size_t>(kTicks));
     // Totals add the cumulative lots n at snapshot n: 1, 3, 6, ... in order.
     for (int n = 1; n <= kTicks; ++n) ASSERT_EQ(sums[n - 1], int64_t{n} * (n + 1) / 2) << id << " " << n;
+  }
+}
+
+// So do a market's packages and an instrument's level-2 messages.
+TEST(L1OrderingTest, PackagesAndLevel2KeepTheVendorsOrder) {
+  testkit::MarketFixture fx;
+  std::vector<ApiCodeInit> codes;
+  for (int i = 0; i < 6; ++i) codes.push_back(testkit::code_init(std::to_string(600000 + i), "x", 2, 100));
+  fx.init_market(2, codes, 10, 1);
+  fx.init_market(1, {testkit::code_init("000001", "x", 2, 100)}, 10, 1);
+  fx.mgr().set_processor_count(4);
+  ASSERT_TRUE(fx.mgr().start());
+  std::vector<int> trades;
+  for (int i = 0; i < 6; ++i) trades.push_back(fx.subscribe("SH", std::to_string(600000 + i), 1801));
+  std::mutex mu;
+  std::map<int, std::vector<double>> packages;
+  for (int market : {1, 2}) {
+    fx.client().add_mkt_push_info(static_cast<short>(market), [&, market](const QuoteMap& map) {
+      std::lock_guard<std::mutex> lock(mu);
+      for (const auto& [code, record] : map) {
+        packages[market].push_back(std::dynamic_pointer_cast<quoter::QuoterAllData>(record)->lastPrice);
+      }
+    });
+  }
+  constexpr int kRounds = 300;
+  std::thread vendor([&] {
+    for (int n = 1; n <= kRounds; ++n) {
+      for (int i = 0; i < 6; ++i) {
+        auto trade = testkit::level2_record<ApiL2Transaction>(2, std::to_string(600000 + i).c_str(), 20240102, 93000000);
+        trade.price = 100000;
+        trade.volume = 100;
+        trade.number1 = static_cast<uint32_t>(n);
+        fx.mgr().callback()->OnTransL2(testkit::level2(std::vector<ApiL2Transaction>{trade}).data());
+      }
+      auto sh = Package(2, {testkit::l1_tick(2, "600000", 100000, static_cast<float>(n))});
+      auto sz = Package(1, {testkit::l1_tick(1, "000001", 100000, static_cast<float>(n))});
+      fx.mgr().callback()->OnRespMarketPushData(sh.data());
+      fx.mgr().callback()->OnRespMarketPushData(sz.data());
+    }
+  });
+  vendor.join();
+  ASSERT_TRUE(fx.mgr().wait_idle(20000));
+  std::map<int, std::vector<uint32_t>> numbers;
+  for (const auto& r : fx.received()) {
+    for (const auto& record : r.records) {
+      if (auto t = std::dynamic_pointer_cast<quoter::TransactionData>(record)) numbers[r.id].push_back(t->number1);
+    }
+  }
+  ASSERT_EQ(numbers.size(), trades.size());
+  for (auto& [id, seen] : numbers) {
+    ASSERT_EQ(seen.size(), static_cast<size_t>(kRounds)) << id;
+    for (int n = 1; n <= kRounds; ++n) ASSERT_EQ(seen[n - 1], static_cast<uint32_t>(n)) << id;
+  }
+  std::lock_guard<std::mutex> lock(mu);
+  for (int market : {1, 2}) {
+    ASSERT_EQ(packages[market].size(), static_cast<size_t>(kRounds)) << market;
+    for (int n = 1; n <= kRounds; ++n) ASSERT_DOUBLE_EQ(packages[market][n - 1], n) << market;
   }
 }
 
