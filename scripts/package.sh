@@ -10,5 +10,5 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh dpkg-dev file
 scripts/build.sh dist -DKELQUOTE_TESTS=OFF -DKELQUOTE_DEMO=OFF >/dev/null
 rm -f build/dist/packages/*.deb
-(cd build/dist && cpack -G DEB >/dev/null)
+out=$(cd build/dist && cpack -G DEB 2>&1) || { echo "$out" >&2; exit 1; }
 ls -1 build/dist/packages/*.deb

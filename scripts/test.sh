@@ -21,7 +21,7 @@ for flavour in $flavours; do
     *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
   esac
   echo "== $flavour: build"
-  scripts/build.sh "$flavour" "${args[@]}"
+  scripts/build.sh "$flavour" -DKELQUOTE_TESTS=ON "${args[@]}"
   echo "== $flavour: test"
   (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure)
 done
