@@ -517,6 +517,128 @@ struct ApiL2OrderQueue {
 static_assert(sizeof(ApiL2OrderQueue) == 216);
 static_assert(offsetof(ApiL2OrderQueue, price) == 48);
 
+// ---- History replies -----------------------------------------------------
+// A history request is answered in blocks of one head and count elements;
+// the last block of a request has its flag set.
+
+// Head of a bar block (OnRespHisData). K-line type 14 carries ApiHisBarTick
+// elements, every other type ApiHisBar.
+struct ApiHisDataRsp {
+  int16_t request_id;
+  int32_t market_id;
+  char code[40];
+  int32_t kline_type;  // 1 daily, 7 one-minute, 14 ticks
+  int32_t count;
+  uint8_t reserved[4];
+  int32_t last;  // non-zero: the last block
+};
+static_assert(sizeof(ApiHisDataRsp) == 62);
+static_assert(offsetof(ApiHisDataRsp, code) == 6);
+static_assert(offsetof(ApiHisDataRsp, kline_type) == 46);
+static_assert(offsetof(ApiHisDataRsp, count) == 50);
+static_assert(offsetof(ApiHisDataRsp, last) == 58);
+
+// One bar; prices in ten-thousandths.
+struct ApiHisBar {
+  int32_t date;  // yyyymmdd
+  int32_t time;  // HHMMSS, the bar's first minute (one-minute bars)
+  int64_t volume;  // shares or contracts
+  int64_t amount;
+  int32_t open, high, low, close;
+  int32_t extra;
+  uint8_t reserved[4];
+};
+static_assert(sizeof(ApiHisBar) == 48);
+static_assert(offsetof(ApiHisBar, volume) == 8);
+static_assert(offsetof(ApiHisBar, open) == 24);
+static_assert(offsetof(ApiHisBar, extra) == 40);
+
+// One trade of a K-line type 14 block.
+struct ApiHisBarTick {
+  int32_t date;
+  int32_t time;  // HHMMSS
+  uint8_t reserved;
+  int32_t price;  // ten-thousandths
+  int32_t value;
+  uint32_t volume;  // shares of this trade
+};
+static_assert(sizeof(ApiHisBarTick) == 21);
+static_assert(offsetof(ApiHisBarTick, price) == 9);
+static_assert(offsetof(ApiHisBarTick, volume) == 17);
+
+// Head of a tick block, level-1 (OnRespL1HisTickData) or after-hours
+// (OnRespHisTickKcbData); the two differ in their elements.
+struct ApiHisTickHead {
+  int16_t request_id;
+  int32_t market_id;
+  char code[44];
+  int32_t last;  // non-zero: the last block
+  int32_t count;
+};
+static_assert(sizeof(ApiHisTickHead) == 58);
+static_assert(offsetof(ApiHisTickHead, last) == 50);
+static_assert(offsetof(ApiHisTickHead, count) == 54);
+
+struct ApiL1NewHisTickResp : ApiHisTickHead {};  // ApiHisTickL1 elements follow
+struct ApiHisTickKcbResp : ApiHisTickHead {};    // ApiHisTickKcb elements follow
+static_assert(sizeof(ApiL1NewHisTickResp) == 58 && sizeof(ApiHisTickKcbResp) == 58);
+
+// One after-hours fixed-price trade; prices in ten-thousandths.
+struct ApiHisTickKcb {
+  int32_t date;
+  int32_t time;  // HHMMSSmmm
+  int32_t price;
+  uint8_t reserved1[4];
+  int64_t volume;  // shares
+  int64_t amount;
+  uint8_t reserved2[40];
+  int32_t ask_volume;  // shares
+  int32_t bid_volume;
+};
+static_assert(sizeof(ApiHisTickKcb) == 80);
+static_assert(offsetof(ApiHisTickKcb, volume) == 16);
+static_assert(offsetof(ApiHisTickKcb, amount) == 24);
+static_assert(offsetof(ApiHisTickKcb, ask_volume) == 72);
+
+// One level-1 history snapshot; prices in ten-thousandths.
+struct ApiHisTickL1 {
+  int32_t date;
+  int32_t time;  // HHMMSSmmm
+  int32_t last;
+  uint8_t reserved1[2];
+  int32_t trade_count;
+  uint8_t reserved2[2];
+  int64_t amount;
+  uint8_t reserved3[10];
+  int64_t volume;  // cumulative, shares
+  uint8_t reserved4[8];
+  int32_t high, low, open;
+  int32_t pre_close;
+  int32_t bid_price[5];
+  int32_t bid_volume[5];  // shares
+  int32_t ask_price[5];
+  int32_t ask_volume[5];
+  uint8_t reserved5[44];
+  int32_t pre_settle;
+  int32_t status;  // session phase code, 0 or less when not given
+  uint8_t reserved6[4];
+  int32_t settle;
+  uint8_t reserved7[4];
+};
+static_assert(sizeof(ApiHisTickL1) == 214);
+static_assert(offsetof(ApiHisTickL1, trade_count) == 14);
+static_assert(offsetof(ApiHisTickL1, amount) == 20);
+static_assert(offsetof(ApiHisTickL1, volume) == 38);
+static_assert(offsetof(ApiHisTickL1, high) == 54);
+static_assert(offsetof(ApiHisTickL1, pre_close) == 66);
+static_assert(offsetof(ApiHisTickL1, bid_price) == 70);
+static_assert(offsetof(ApiHisTickL1, bid_volume) == 90);
+static_assert(offsetof(ApiHisTickL1, ask_price) == 110);
+static_assert(offsetof(ApiHisTickL1, ask_volume) == 130);
+static_assert(offsetof(ApiHisTickL1, pre_settle) == 194);
+static_assert(offsetof(ApiHisTickL1, status) == 198);
+static_assert(offsetof(ApiHisTickL1, settle) == 206);
+
 #pragma pack(pop)
 
 #endif  // KELQUOTE_DATAAPI_APIRECORDS_H_

@@ -4,6 +4,7 @@
 #ifndef KELQUOTE_DATAMGR_DVDATAMGR_H_
 #define KELQUOTE_DATAMGR_DVDATAMGR_H_
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -127,6 +128,10 @@ class DvDataMgr {
   // The eight financial replies, Kind their kind's bit value.
   template <int Kind>
   void on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size);
+  // History blocks: bars, after-hours ticks and level-1 ticks.
+  void on_reply_data(const ApiHisDataRsp* data, size_t size);
+  void on_reply_data(const ApiHisTickKcbResp* data, size_t size);
+  void on_reply_data(const ApiL1NewHisTickResp* data, size_t size);
 
   // Reads what a conversion needs of an instrument under the instrument
   // lock: 0 when the code is unknown, else find_code's table number.
@@ -202,7 +207,8 @@ class DvDataMgr {
   // --- Seams for embedding and tests; none is needed in production. ---
   // Uses api instead of GetApiInstance(); call before init.
   void set_api(CDataApi* api) { api_ = api; }
-  // Overrides the clock of the daily job (seconds since the epoch) and its wake-up period.
+  // Overrides the clock (seconds since the epoch) of the daily job and of
+  // history requests, and the daily job's wake-up period.
   void set_clock(std::function<double()> clock) { clock_ = std::move(clock); }
   void set_timer_period_ms(int ms) { timer_period_ms_ = ms; }
   // Replaces the sleep of waitDynamicTime (milliseconds), so that waits can be
@@ -240,6 +246,12 @@ class DvDataMgr {
   // Walks the records of a level-2 message; make converts one record.
   template <typename Record, typename Make>
   void level2_stream(const void* data, size_t size, const Level2Stream& stream, Make make);
+
+  // The skeleton of the three history reply handlers; Block tells them apart.
+  template <typename Block>
+  void history_reply(const void* data, size_t size);
+  // Milliseconds since the request id was sent, 0 when unknown.
+  double since_sent(uint16_t id);
 
   std::mutex lifecycle_mu_;  // serialises init, start and stop
   bool inited_ = false;
@@ -287,14 +299,20 @@ class DvDataMgr {
   std::mutex serial_mu_;
   uint16_t serial_counter_ = 20;
 
+  // Requests awaiting replies, by id. History: start date as first computed,
+  // start time, end date, end time, and the number of the id's non-last
+  // blocks being delivered at the moment. Financial: begin, end, kinds
+  // outstanding. Each side takes an entry of the other's length for none.
+  std::mutex his_request_mu_;
+  std::map<uint16_t, std::vector<int32_t>> his_request_infos;
+  std::mutex send_times_mu_;
+  std::map<uint16_t, double> request_send_times;  // ms, when each id was last sent
+
   mutable std::mutex contracts_mu_;
   std::map<std::pair<int, std::string>, std::string> contracts_;  // (kind, code) -> contract
   mutable std::mutex issues_mu_;
   std::vector<IPOCodeInfo> new_issues_;
 
-  // Requests awaiting replies, by id: history ranges, financial [begin, end, kinds outstanding].
-  std::mutex his_request_mu_;
-  std::map<uint16_t, std::vector<int32_t>> his_request_infos_;
   // What the replies of each financial request brought so far, by its id;
   // guarded by his_request_mu_ with the outstanding kinds, so that the reply
   // that completes a request finds every other reply's records in place.

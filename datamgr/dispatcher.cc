@@ -58,6 +58,9 @@ static const std::array<Entry, kMaxType + 1>& RouteTable() {
     t[8] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_transaction>};
     t[9] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_order>};
     t[10] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_data_l2_order_queue>};
+    t[11] = {Route::kHandler, &Handle<ApiL1NewHisTickResp>};
+    t[12] = {Route::kHandler, &Handle<ApiHisTickKcbResp>};
+    t[13] = {Route::kHandler, &Handle<ApiHisDataRsp>};
     t[15] = {Route::kHandler, &Handle<ApiHolidayHead>};
     t[16] = {Route::kHandler, &HandlePower};
     t[24] = {Route::kHandler, &Handle<ApiSharedFields>};

@@ -17,31 +17,13 @@ namespace {
 // The data manager whose queue the calling thread serves, if any.
 thread_local DvDataMgr* t_serving = nullptr;
 
-bool ValidDate(int date) {
-  int y = date / 10000, m = date / 100 % 100, d = date % 100;
-  if (y < 1 || m < 1 || m > 12 || d < 1) return false;
-  static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
-  return d <= kDays[m - 1] + (m == 2 && leap ? 1 : 0);
-}
-
-// 0 Sunday .. 6 Saturday, for a valid Gregorian date.
-int DayOfWeek(int date) {
-  static const int kOffsets[] = {0, 3, 2, 5, 0, 3, 5, 1, 4, 6, 2, 4};
-  int y = date / 10000, m = date / 100 % 100, d = date % 100;
-  if (m < 3) y -= 1;
-  return (y + y / 4 - y / 100 + y / 400 + kOffsets[m - 1] + d) % 7;
-}
-
 }  // namespace
 
 bool daily_job_due(int64_t now, int last_date) {
   int date = static_cast<int>(now / 1000000);
   int time = static_cast<int>(now % 1000000);
   if (time < 83000 || time >= 83010 || date == last_date) return false;
-  if (!ValidDate(date)) return true;  // an unreadable date counts as a weekday
-  int weekday = DayOfWeek(date);
-  return weekday != 0 && weekday != 6;
+  return !is_weekend(date);  // an unreadable date counts as a weekday
 }
 
 DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}

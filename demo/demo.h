@@ -23,6 +23,9 @@ void ShowMarkets(tavr::BaseQuoteClient& client);
 // A live table of a few instruments and one whole market for seconds.
 void ShowRealtime(tavr::BaseQuoteClient& client, int seconds);
 
+// Daily bars of the last year (with a line chart of the closes), one-minute
+// bars of the last trading day and ticks of today of one SH share.
+void ShowHistory(tavr::BaseQuoteClient& client);
 // Balance sheets, share capital, holder counts and top-ten holders of one SZ share.
 void ShowFinance(tavr::BaseQuoteClient& client);
 

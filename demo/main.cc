@@ -134,6 +134,7 @@ int main(int argc, char** argv) {
 
   demo::ShowMarkets(*client);
   demo::ShowRealtime(*client, seconds);
+  demo::ShowHistory(*client);
   demo::ShowFinance(*client);
 
   // The library has no logout: a session ends when the service closes it,

@@ -124,8 +124,8 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
   // Callers hold his_request_mu_. Ids are shared with history requests,
   // whose records are longer.
   auto is_open = [&] {
-    auto it = his_request_infos_.find(base);
-    return it != his_request_infos_.end() && it->second.size() == 3 && finance_results_.count(base) != 0;
+    auto it = his_request_infos.find(base);
+    return it != his_request_infos.end() && it->second.size() == 3 && finance_results_.count(base) != 0;
   };
   auto missing = [&] {
     CMyLog::PrintLog(LOG_INFO, kFunction, "%s code:%s.%s Missing Request id[%d]!!!!", kind.tag, line.code.c_str(),
@@ -157,7 +157,7 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
     // Gone meanwhile when another reply completed the request.
     open = is_open();
     if (open) {
-      std::vector<int32_t>& request = his_request_infos_[base];
+      std::vector<int32_t>& request = his_request_infos[base];
       FinanceCollect& collect = finance_results_[base];
       if (count < 0) collect.ok = false;
       collect.data.emplace(kind.type_id, std::move(records));
@@ -168,7 +168,7 @@ void DvDataMgr::on_reply_data(const ApiFinanceRsp<Kind>* data, size_t size) {
       } else {
         complete = true;
         done = std::move(collect);
-        his_request_infos_.erase(base);
+        his_request_infos.erase(base);
         finance_results_.erase(base);
       }
     }

@@ -32,7 +32,7 @@ uint16_t DvDataMgr::request_finance_data(const std::string& market, const std::s
     std::lock_guard<std::mutex> lock(his_request_mu_);
     // An id comes round again only after some 30000 others: whatever still
     // waits under it has been given up.
-    his_request_infos_.insert_or_assign(base, std::vector<int32_t>{begin, end, mask});
+    his_request_infos.insert_or_assign(base, std::vector<int32_t>{begin, end, mask});
     finance_results_.insert_or_assign(base, FinanceCollect());
   }
   FinanceRequest request{};

@@ -26,6 +26,22 @@ struct Calendar {
   bool hk_rates_ready = false;
 };
 
+// Calendar arithmetic on yyyymmdd dates (proleptic Gregorian).
+// Whether date is a calendar date of the years 1000 to 9999.
+bool valid_date(int32_t date);
+// Saturday or Sunday; false for an invalid date.
+bool is_weekend(int32_t date);
+// The date days calendar days after date (before, when negative); date
+// itself when it is not valid.
+int32_t add_days(int32_t date, int days);
+
+// A valid date that is neither a Saturday, a Sunday nor a holiday of the
+// calendar. Takes the calendar lock.
+bool is_trade_date(const Calendar& calendar, int32_t date);
+// The first trade date after date; -1 when date is not valid or no trade
+// date follows within a year. Takes the calendar lock.
+int32_t next_trade_date(const Calendar& calendar, int32_t date);
+
 }  // namespace tavr
 
 #endif  // KELQUOTE_MARKET_CALENDAR_H_

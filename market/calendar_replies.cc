@@ -1,5 +1,4 @@
 // Holiday and exchange-rate replies, and the trading-day lists built from them.
-#include <chrono>
 #include <cstring>
 
 #include "datamgr/DvDataMgr.h"
@@ -11,27 +10,8 @@ namespace tavr {
 
 namespace {
 
-using std::chrono::day;
-using std::chrono::month;
-using std::chrono::sys_days;
-using std::chrono::year;
-using std::chrono::year_month_day;
-
-sys_days DaysOf(int32_t date) {
-  return sys_days(year_month_day(year(date / 10000), month(static_cast<unsigned>(date / 100 % 100)),
-                                 day(static_cast<unsigned>(date % 100))));
-}
-
-int32_t DateOf(sys_days days) {
-  year_month_day ymd(days);
-  return static_cast<int>(ymd.year()) * 10000 + static_cast<int>(static_cast<unsigned>(ymd.month())) * 100 +
-         static_cast<int>(static_cast<unsigned>(ymd.day()));
-}
-
-bool Weekend(sys_days days) {
-  std::chrono::weekday wd(days);
-  return wd == std::chrono::Saturday || wd == std::chrono::Sunday;
-}
+// The last date a rate may carry.
+constexpr int32_t kLatestDate = 21001231;
 
 int32_t Today() { return static_cast<int32_t>(utils::millisecondsToTime(static_cast<int64_t>(utils::getTime() * 1000)) / 1000000); }
 
@@ -54,10 +34,9 @@ void DvDataMgr::on_reply_data(const ApiHolidayHead* data, size_t size) {
       calendar_.trade_days.clear();
       int32_t first = calendar_.max_trade_date != 0 ? calendar_.max_trade_date : Today();
       // A date the calendar cannot represent leaves only the earliest date.
-      if (first / 10000 > 1900 && first / 10000 < 3000 && year_month_day(DaysOf(first)).ok()) {
-        for (sys_days d = DaysOf(first); DateOf(d) > calendar_.earliest_date; d -= std::chrono::days(1)) {
-          int32_t date = DateOf(d);
-          if (!Weekend(d) && calendar_.holidays.count(date) == 0) calendar_.trade_days.insert(date);
+      if (first / 10000 > 1900 && first / 10000 < 3000 && valid_date(first)) {
+        for (int32_t date = first; date > calendar_.earliest_date; date = add_days(date, -1)) {
+          if (!is_weekend(date) && calendar_.holidays.count(date) == 0) calendar_.trade_days.insert(date);
         }
       }
       calendar_.trade_days.insert(calendar_.earliest_date);
@@ -74,15 +53,29 @@ void DvDataMgr::on_reply_data(const ApiHKRateHead* data, size_t size) {
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::on_reply_data", "[ApiHKRateRsp] Got HongKong Connect Rate[%d - %d][%d]...",
                    head.begin, head.end, static_cast<int>(head.count));
   size_t count = reply.available(head.count);
-  std::lock_guard<std::mutex> lock(calendar_.mu);
-  for (size_t i = 0; i < count; ++i) {
-    ApiHKRateItem item = reply.item(i);
-    // Copied out: the packed fields cannot be bound to references.
-    const int32_t date = item.date;
-    const float rate_a = item.rate_a, rate_b = item.rate_b;
-    calendar_.hk_rates.emplace(date, std::make_pair(rate_a, rate_b));  // the first entry wins
+  int refused = 0;
+  int32_t first_refused = 0;
+  {
+    std::lock_guard<std::mutex> lock(calendar_.mu);
+    for (size_t i = 0; i < count; ++i) {
+      ApiHKRateItem item = reply.item(i);
+      // Copied out: the packed fields cannot be bound to references.
+      const int32_t date = item.date;
+      const float rate_a = item.rate_a, rate_b = item.rate_b;
+      // Only exchange dates are kept: the table must not grow with whatever
+      // the service sends.
+      if (date < calendar_.earliest_date || date > kLatestDate || !valid_date(date)) {
+        if (refused++ == 0) first_refused = date;
+        continue;
+      }
+      calendar_.hk_rates.emplace(date, std::make_pair(rate_a, rate_b));  // the first entry wins
+    }
+    calendar_.hk_rates_ready = true;
   }
-  calendar_.hk_rates_ready = true;
+  if (refused != 0) {
+    CMyLog::PrintLog(LOG_WARN, "DvDataMgr::on_reply_data", "[ApiHKRateRsp] %d rates of invalid dates refused, first [%d]...",
+                     refused, first_refused);
+  }
 }
 
 void DvDataMgr::get_market_trade_day_list(const std::string& name, char variant, std::vector<int64_t>& days) {

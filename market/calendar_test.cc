@@ -138,8 +138,12 @@ TEST_F(CalendarTest, RatesKeepTheFirstEntryAndMakeTheHongKongCalendar) {
   Init(10, 20241008);  // adds an empty rate for its trading day
   Rates({{20141117, 0.79f, 0.80f}, {20161205, 0.88f, 0.89f}, {20241008, 0.91f, 0.92f}});
   Rates({{20141117, 0.5f, 0.5f}});
+  // Dates no exchange has are refused, with one line a reply.
+  Rates({{20240230, 1.0f, 1.0f}, {19800102, 1.0f, 1.0f}, {99991231, 1.0f, 1.0f}, {-5, 1.0f, 1.0f}});
+  EXPECT_TRUE(log_.contains("[ApiHKRateRsp] 4 rates of invalid dates refused, first [20240230]..."));
   {
     std::lock_guard<std::mutex> lock(mgr_.calendar().mu);
+    EXPECT_EQ(mgr_.calendar().hk_rates.size(), 3u);
     EXPECT_FLOAT_EQ(mgr_.calendar().hk_rates.at(20141117).first, 0.79f);
     EXPECT_FLOAT_EQ(mgr_.calendar().hk_rates.at(20241008).first, 0.0f);
   }

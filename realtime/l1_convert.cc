@@ -19,15 +19,14 @@ T BoardValue(const uint8_t (&field)[4]) {
   return value;
 }
 
-// Session phase by the exchange's clock: SH/SZ rule, or the HK rule.
-uint32_t Phase(int32_t t, bool hk) {
-  if (hk) return t < 90000 ? 11 : t < 93000 ? 12 : t < 161000 ? 13 : 15;
-  return t < 91500 ? 11 : t < 93000 ? 12 : t < 150000 ? 13 : 15;
-}
-
 std::string Tagged(const char* tag, const char* text) { return std::string(tag) + text; }
 
 }  // namespace
+
+uint32_t session_phase(int32_t t, bool hk) {
+  if (hk) return t < 90000 ? 11 : t < 93000 ? 12 : t < 161000 ? 13 : 15;
+  return t < 91500 ? 11 : t < 93000 ? 12 : t < 150000 ? 13 : 15;
+}
 
 std::shared_ptr<DravikQuoterAllData> convert_snapshot(const ApiL1Tick& t, const std::string& code,
                                                       const InstrumentView& in, const std::string& market,
@@ -97,16 +96,16 @@ std::shared_ptr<DravikQuoterAllData> convert_snapshot(const ApiL1Tick& t, const 
                        a->lastClose);
     }
   }
-  if (market == "SH" || market == "SZ") a->tradingPhase = Phase(t.time, false);
-  if (market == "HK") a->tradingPhase = Phase(t.time, true);
+  if (market == "SH" || market == "SZ") a->tradingPhase = session_phase(t.time, false);
+  if (market == "HK") a->tradingPhase = session_phase(t.time, true);
 
   switch (t.board_kind) {
     case 0:
     case 1:
-      a->tradingPhase = Phase(t.time, false);
+      a->tradingPhase = session_phase(t.time, false);
       break;
     case 2:
-      a->tradingPhase = Phase(t.time, true);
+      a->tradingPhase = session_phase(t.time, true);
       break;
     case 3:
     case 7:

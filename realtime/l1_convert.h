@@ -55,6 +55,11 @@ inline int32_t to_lots(double shares, int unit) {
   return truncate_to<int32_t>(shares / unit);
 }
 
+// Session phase at the exchange's time of day t (HHMMSS): 11 before the
+// opening call, 12 in it, 13 trading, 15 closed; by the SH/SZ clock, or the
+// HK one.
+uint32_t session_phase(int32_t t, bool hk);
+
 // Record A of a snapshot (time, prices, depth, latest-price replacement,
 // session phase, board rules). Null, after its DEBUG line, when the snapshot
 // has no usable price. tag prefixes every log line ("[ApiL1Tick]").

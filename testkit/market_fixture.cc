@@ -20,18 +20,7 @@ MarketFixture::~MarketFixture() { mgr_.stop(); }
 
 void MarketFixture::init_market(uint8_t market_id, const std::vector<ApiCodeInit>& codes, float pre_close, float eps) {
   deliver(0, market_init(market_id, 20240102, codes));
-  std::vector<ApiRefInfoItem> items;
-  for (const ApiCodeInit& code : codes) {
-    ApiRefInfoItem item;
-    std::memset(&item, 0, sizeof(item));
-    std::memcpy(item.code, code.code, sizeof(item.code));
-    item.eps = eps;
-    item.pre_close = pre_close;
-    item.tick = code.price_digits == 0 ? 1.0f : code.price_digits == 1 ? 0.1f : code.price_digits == 2 ? 0.01f
-                                                                                                        : 0.001f;
-    items.push_back(item);
-  }
-  deliver(3, reply(ApiRefInfoHead{market_id, static_cast<int32_t>(items.size())}, items));
+  deliver(3, ref_info(market_id, codes, pre_close, eps));
 }
 
 void MarketFixture::deliver(int type, const std::vector<uint8_t>& bytes) {

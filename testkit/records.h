@@ -53,6 +53,24 @@ inline std::vector<uint8_t> market_init(uint8_t market_id, int32_t trade_date, c
   return reply(head, codes);
 }
 
+// A reference reply giving each instrument a reference close, an earnings
+// per share and the tick of its price digits.
+inline std::vector<uint8_t> ref_info(uint8_t market_id, const std::vector<ApiCodeInit>& codes, float pre_close,
+                                     float eps) {
+  std::vector<ApiRefInfoItem> items;
+  for (const ApiCodeInit& code : codes) {
+    ApiRefInfoItem item;
+    std::memset(&item, 0, sizeof(item));
+    std::memcpy(item.code, code.code, sizeof(item.code));
+    item.eps = eps;
+    item.pre_close = pre_close;
+    item.tick = code.price_digits == 0 ? 1.0f : code.price_digits == 1 ? 0.1f : code.price_digits == 2 ? 0.01f
+                                                                                                        : 0.001f;
+    items.push_back(item);
+  }
+  return reply(ApiRefInfoHead{market_id, static_cast<int32_t>(items.size())}, items);
+}
+
 inline ApiMarketStatus market_status(uint8_t market_id, int32_t date, int32_t changed, uint32_t checksum) {
   ApiMarketStatus status{};
   status.market_id = market_id;
@@ -124,6 +142,33 @@ std::vector<uint8_t> finance_reply(uint16_t id, const std::vector<Item>& items, 
   set_text(head.code, code);
   head.count = count;
   return reply(head, items);
+}
+
+// A history bar block of elements (ApiHisBar, or ApiHisBarTick for type 14).
+template <typename Element>
+std::vector<uint8_t> his_bars(int16_t id, int32_t market_id, const std::string& code, int32_t kline_type, bool last,
+                              const std::vector<Element>& elements) {
+  ApiHisDataRsp head{};
+  head.request_id = id;
+  head.market_id = market_id;
+  set_text(head.code, code);
+  head.kline_type = kline_type;
+  head.count = static_cast<int32_t>(elements.size());
+  head.last = last ? 1 : 0;
+  return reply(head, elements);
+}
+
+// A history tick block: Head is ApiL1NewHisTickResp or ApiHisTickKcbResp.
+template <typename Head, typename Element>
+std::vector<uint8_t> his_ticks(int16_t id, int32_t market_id, const std::string& code, bool last,
+                               const std::vector<Element>& elements) {
+  Head head{};
+  head.request_id = id;
+  head.market_id = market_id;
+  set_text(head.code, code);
+  head.count = static_cast<int32_t>(elements.size());
+  head.last = last ? 1 : 0;
+  return reply(head, elements);
 }
 
 }  // namespace testkit

@@ -256,6 +256,30 @@ int SimDataApi::ReqHKRate(const HKRateRequest* request) {
   return 0;
 }
 
+int SimDataApi::ReqHisData(const HisBarRequest* request) {
+  return answer_history(HistoryKind::kBars, request, &CDataApiCallBack::OnRespHisData);
+}
+
+int SimDataApi::ReqL1NewHisTick(const HisTickRequest* request) {
+  return answer_history(HistoryKind::kLevel1Ticks, request, &CDataApiCallBack::OnRespL1HisTickData);
+}
+
+int SimDataApi::ReqHisTickKcb(const HisTickRequest* request) {
+  return answer_history(HistoryKind::kAfterHoursTicks, request, &CDataApiCallBack::OnRespHisTickKcbData);
+}
+
+int SimDataApi::answer_history(HistoryKind kind, const void* request, Handler handler) {
+  std::vector<Reply> replies;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!serving()) return -1;
+    for (Bytes& block : history_blocks(universe(), kind, request)) replies.emplace_back(handler, std::move(block));
+  }
+  if (replies.empty()) return -1;
+  deliver(std::move(replies));
+  return 0;
+}
+
 void SimDataApi::deliver(std::vector<Reply> replies) {
   for (Reply& reply : replies) {
     auto bytes = std::make_shared<const std::vector<uint8_t>>(std::move(reply.second));

@@ -14,6 +14,7 @@
 
 #include "dataapi/DataApi.h"
 #include "dataapi/sim/callback_thread.h"
+#include "dataapi/sim/history.h"
 #include "dataapi/sim/quotes.h"
 #include "dataapi/sim/universe.h"
 
@@ -72,10 +73,12 @@ class SimDataApi final : public CDataApi {
   int ReqLatestShare(int32_t market_id) override;
   int ReqHoliday(int32_t kind) override;
   int ReqHKRate(const HKRateRequest* request) override;
-  int ReqHisData(const HisBarRequest*) override { return 0; }
+  // History in blocks of at most kHistoryBlockElements elements, the last
+  // one flagged; -1 for an unknown market, code or K-line type.
+  int ReqHisData(const HisBarRequest* request) override;
   int ReqHisDataCount(const HisBarRequest*) override { return 0; }
-  int ReqL1NewHisTick(const HisTickRequest*) override { return 0; }
-  int ReqHisTickKcb(const HisTickRequest*) override { return 0; }
+  int ReqL1NewHisTick(const HisTickRequest* request) override;
+  int ReqHisTickKcb(const HisTickRequest* request) override;
   int ReqPower(const ApiCodeItem*) override { return 0; }
   int ReqHotListDef() override { return 0; }
   int ReqHotListData(int32_t) override { return 0; }
@@ -131,6 +134,8 @@ class SimDataApi final : public CDataApi {
   // The markets a request names: one, or every one for 0; empty when unknown.
   std::vector<const Market*> markets(int32_t market_id);
   Reply status_reply(const Market& market);
+  // Answers a history request with its blocks, each lent to handler.
+  int answer_history(HistoryKind kind, const void* request, Handler handler);
 
   // Streams: one scheduler task on the callback thread serves every stream
   // that is due and posts itself again for the next one due.
