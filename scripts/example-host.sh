@@ -10,13 +10,13 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
-# The build without tests (build/dist) and its packages.
+# The libraries of the regular build (build/release) and their packages.
 scripts/package.sh >/dev/null
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kelquote-host.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-cmake --install build/dist --prefix "$prefix" >/dev/null
+cmake --install build/release --prefix "$prefix" >/dev/null
 
 # Runs a host in a fresh folder laid out as a terminal's: run/{dravikcfg.dat, ini/}, userdata/log/.
 run() {
@@ -41,7 +41,7 @@ g++ -std=c++17 -Wall -Wextra -o "$work/pkg-config-host" examples/host/main.cc \
 run "$work/pkg-config-host"
 
 echo "== example host: find_package, Debian packages"
-for deb in build/dist/packages/*.deb; do dpkg-deb -x "$deb" "$work/debs"; done
+for deb in build/release/packages/*.deb; do dpkg-deb -x "$deb" "$work/debs"; done
 cmake -S examples/host -B "$work/debs-host" -DCMAKE_PREFIX_PATH="$work/debs/usr" >/dev/null
 cmake --build "$work/debs-host" -j "$jobs" >/dev/null
 run "$work/debs-host/bin/kelquote_host"
