@@ -2,6 +2,7 @@
 #ifndef KELQUOTE_DEMO_DEMO_H_
 #define KELQUOTE_DEMO_DEMO_H_
 
+#include <cstddef>
 #include <string>
 
 #include "kelquote/BaseQuoteClient.h"
@@ -10,6 +11,10 @@ namespace demo {
 
 // GBK text of the library as UTF-8 for the terminal.
 std::string Utf8(const std::string& gbk);
+
+// UTF-8 text padded with spaces to width terminal columns, where a Chinese
+// character (any East Asian wide or full-width one) takes two.
+std::string Pad(const std::string& utf8, size_t width);
 
 // Instruments and trading days per host market, then a market's
 // re-initialisation as the host is told of it.

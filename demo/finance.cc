@@ -85,8 +85,8 @@ void ShowFinance(tavr::BaseQuoteClient& client) {
   if (!top.empty()) {
     std::printf("[top ten holders %d]\n", DateOf(top[0]->report_date));
     for (const auto& h : top[0]->holders) {
-      std::printf("  %2d %14lld %6.2f%%  %-16s %s\n", h.rank, static_cast<long long>(h.shares), h.ratio,
-                  Utf8(h.change).c_str(), Utf8(h.name).c_str());
+      std::printf("  %2d %14lld %6.2f%%  %s %s\n", h.rank, static_cast<long long>(h.shares), h.ratio,
+                  Pad(Utf8(h.change), 16).c_str(), Utf8(h.name).c_str());
     }
   }
   std::fflush(stdout);

@@ -80,13 +80,13 @@ void ShowRealtime(tavr::BaseQuoteClient& client, int seconds) {
   for (int s = 1; s <= seconds; ++s) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     std::lock_guard<std::mutex> lock(mu);
-    std::printf("\n[live %ds] %-4s %-8s %-14s %10s %8s %10s %5s %4s\n", s, "mkt", "code", "name", "last", "chg%",
+    std::printf("\n[live %ds] %-4s %-8s %-16s %10s %8s %10s %5s %4s\n", s, "mkt", "code", "name", "last", "chg%",
                 "volume", "phase", "upd");
     for (const Row& row : rows) {
       double change = row.close > 0 ? (row.last - row.close) / row.close * 100 : 0;
-      std::printf("          %-4s %-8s %-14s %10.3f %+8.2f %10lld %5u %4d\n", row.host_market.c_str(),
-                  row.code.c_str(), row.name.c_str(), row.last, change, static_cast<long long>(row.volume), row.phase,
-                  row.updates);
+      std::printf("          %-4s %-8s %s %10.3f %+8.2f %10lld %5u %4d\n", row.host_market.c_str(),
+                  row.code.c_str(), Pad(row.name, 16).c_str(), row.last, change, static_cast<long long>(row.volume),
+                  row.phase, row.updates);
     }
     std::printf("          SH whole market: %zu packages, the last of %zu instruments\n", packages, package_size);
     std::fflush(stdout);

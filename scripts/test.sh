@@ -16,12 +16,12 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 for flavour in $flavours; do
   case $flavour in
     release) args=() ;;
-    asan) args=(-DKELQUOTE_SANITIZE=address) ;;
-    tsan) args=(-DKELQUOTE_SANITIZE=thread) ;;
+    asan) args=(-DKELQUOTE_SANITIZE=address -DKELQUOTE_DEMO=OFF) ;;
+    tsan) args=(-DKELQUOTE_SANITIZE=thread -DKELQUOTE_DEMO=OFF) ;;
     *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
   esac
   echo "== $flavour: build"
-  scripts/build.sh "$flavour" "${args[@]}"
+  scripts/build.sh "$flavour" -DKELQUOTE_TESTS=ON "${args[@]}"
   echo "== $flavour: test"
-  (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure)
+  (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure --no-tests=error)
 done

@@ -12,6 +12,15 @@ jobs="$(nproc 2>/dev/null || echo 2)"
 
 say() { echo "==> $*"; }
 
+# One run at a time per prefix: builds of other checkouts that share the
+# cache wait here instead of wiping each other's work.
+mkdir -p "$(dirname "${prefix%/}")"
+exec 9>"${prefix%/}.lock"
+if ! flock -n 9; then
+  say "waiting for another build of $prefix"
+  flock 9
+fi
+
 sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive

@@ -15,7 +15,7 @@ scripts/windows/build-deps.sh
 
 echo "== win64: build"
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON >/dev/null
 cmake --build "$build" -j "$jobs"
 
 # --- export and import tables ---------------------------------------------------
@@ -104,20 +104,10 @@ tls=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc' '*.cpp' 
 
 # --- the suite under Wine ------------------------------------------------------
 echo "== win64: test (Wine)"
-# A throwaway prefix, never the user's; no display, no Mono/Gecko installers.
-WINEPREFIX=$(mktemp -d "${TMPDIR:-/tmp}/kelquote-wine.XXXXXX")
-export WINEPREFIX WINEARCH=win64 WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
-unset DISPLAY WAYLAND_DISPLAY
-cleanup() {
-  wineserver -k >/dev/null 2>&1 || true
-  rm -rf "$WINEPREFIX"
-}
-trap cleanup EXIT
-# Keep one server up between the many short test processes, and create the
-# prefix before parallel tests race to do it.
-wineserver -p
-wineboot -i >/dev/null 2>&1
-(cd "$build" && ctest -j "$jobs" --output-on-failure "$@")
+. scripts/windows/wine.sh
+trap wine_stop EXIT
+wine_start
+(cd "$build" && ctest -j "$jobs" --output-on-failure --no-tests=error "$@")
 
 # --- the demo host ----------------------------------------------------------------
 # The path a terminal takes, end to end: an executable importing kelquote.dll,

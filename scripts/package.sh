@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds the Debian packages into build/release/packages/:
+#   libkelquote2     libkelquote, libquoter, libutils
+#   libkelquote-dev  headers, CMake package, kelquote.pc
+#   kelquote-sim     the simulated quote service and the configuration reader
+# Uses the regular build of scripts/test.sh (build/release) and builds only
+# the libraries in it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=build/release
+jobs=$(nproc 2>/dev/null || echo 2)
+# dpkg-shlibdeps and file work out the runtime package's dependencies.
+scripts/install-deps.sh dpkg-dev file
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON >/dev/null
+cmake --build "$build" -j "$jobs" --target kelquote DataApi uaAuth >/dev/null
+rm -f "$build"/packages/*.deb
+out=$(cd "$build" && cpack -G DEB 2>&1) || { echo "$out" >&2; exit 1; }
+ls -1 "$build"/packages/*.deb
