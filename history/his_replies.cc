@@ -9,6 +9,7 @@
 #include "history/his_convert.h"
 #include "kelquote/KelQuoteClient.h"
 #include "log/MyLog.h"
+#include "port/port.h"
 
 namespace tavr {
 
@@ -101,8 +102,8 @@ class RecordList {
  private:
   static constexpr size_t kKeep = 4096;
   static QuoteRecords& Spare() {
-    thread_local QuoteRecords spare;
-    return spare;
+    static port::ThreadLocal<QuoteRecords> spare;
+    return spare.get();
   }
   QuoteRecords records_;
 };

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <ctime>
 #include <mutex>
+#include <type_traits>
 
 #include "port/port.h"
 
@@ -79,6 +80,7 @@ struct DayCache {
   int64_t midnight = 0;
   bool uniform = false;
 };
+static_assert(std::is_trivially_destructible_v<DayCache>);
 
 }  // namespace
 

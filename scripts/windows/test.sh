@@ -97,8 +97,18 @@ conditionals=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc'
 [ -z "$conditionals" ] || problem "platform conditionals outside port/:"$'\n'"$conditionals"
 # MinGW frees a thread's thread_local storage before running the destructors
 # of the objects there; such objects belong in port::ThreadLocal.
+# A thread_local outside port/ holds a scalar or a pointer, or a type its file
+# asserts to be trivially destructible.
 tls=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc' '*.cpp' '*.hpp' ':!port/' |
-  xargs -r grep -snE '\bthread_local\b[^;]*\bstd::' || true)
+  while read -r file; do
+    grep -nE '\bthread_local\b' "$file" | while IFS= read -r line; do
+      type=$(sed -E 's/.*\bthread_local[[:space:]]+(static[[:space:]]+)?(const[[:space:]]+)?([A-Za-z_][A-Za-z0-9_:<>]*).*/\3/' <<<"$line")
+      grep -Eq "thread_local[^;=]*\*" <<<"$line" && continue
+      grep -Eqx '(bool|char|short|int|long|unsigned|float|double|size_t|u?int(8|16|32|64)_t)' <<<"$type" && continue
+      grep -q "is_trivially_destructible_v<$type>" "$file" && continue
+      echo "$file:$line"
+    done
+  done)
 [ -z "$tls" ] || problem "thread_local objects with destructors (use port::ThreadLocal):"$'\n'"$tls"
 [ "$fail" -eq 0 ] || exit 1
 
