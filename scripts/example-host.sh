@@ -49,6 +49,8 @@ run "$work/debs-host/bin/kelquote_host"
 # The library is compiled once more here, inside the host's build; kept in
 # build/ so that a rerun only builds what changed.
 echo "== example host: add_subdirectory"
-cmake -S examples/host -B build/example-host -DKELQUOTE_SOURCE_DIR="$top" >/dev/null
+generator=()
+[ -f build/example-host/CMakeCache.txt ] || ! command -v ninja >/dev/null || generator=(-G Ninja)
+cmake -S examples/host -B build/example-host "${generator[@]}" -DKELQUOTE_SOURCE_DIR="$top" >/dev/null
 cmake --build build/example-host -j "$jobs" >/dev/null
 run "$top/build/example-host/bin/kelquote_host"

@@ -3,7 +3,7 @@
 #   scripts/install-deps.sh [further packages a script needs...]
 set -euo pipefail
 
-packages=(cmake make g++ pkg-config liblog4cplus-dev libtinyxml2-dev libgtest-dev libbenchmark-dev "$@")
+packages=(cmake make ninja-build g++ pkg-config liblog4cplus-dev libtinyxml2-dev libgtest-dev libbenchmark-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

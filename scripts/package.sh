@@ -8,11 +8,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/release
-jobs=$(nproc 2>/dev/null || echo 2)
 # dpkg-shlibdeps and file work out the runtime package's dependencies.
 scripts/install-deps.sh dpkg-dev file
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON >/dev/null
-cmake --build "$build" -j "$jobs" --target kelquote DataApi uaAuth >/dev/null
+scripts/build.sh release -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON -- kelquote DataApi uaAuth >/dev/null
 rm -f "$build"/packages/*.deb
 out=$(cd "$build" && cpack -G DEB 2>&1) || { echo "$out" >&2; exit 1; }
 ls -1 "$build"/packages/*.deb

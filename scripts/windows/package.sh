@@ -9,12 +9,10 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 top=$(pwd)
 build=build/win64
-jobs=$(nproc 2>/dev/null || echo 2)
 
 scripts/windows/build-deps.sh >/dev/null
-cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON >/dev/null
-cmake --build "$build" -j "$jobs" --target kelquote DataApi uaAuth >/dev/null
+scripts/build.sh win64 -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
+  -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON -- kelquote DataApi uaAuth >/dev/null
 rm -f "$build"/packages/*.zip
 out=$(cd "$build" && cpack -G ZIP 2>&1) || { echo "$out" >&2; exit 1; }
 ls -1 "$build"/packages/*.zip

@@ -14,9 +14,8 @@ jobs=$(nproc 2>/dev/null || echo 2)
 scripts/windows/build-deps.sh
 
 echo "== win64: build"
-cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON >/dev/null
-cmake --build "$build" -j "$jobs"
+scripts/build.sh win64 -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
+  -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON
 
 # --- export and import tables ---------------------------------------------------
 objdump=x86_64-w64-mingw32-objdump
