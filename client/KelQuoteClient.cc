@@ -5,10 +5,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <utility>
 
 #include "client/host_call.h"
+#include "client/subscriber_registry.h"
 #include "datamgr/DvDataMgr.h"
 #include "log/MyLog.h"
 #include "log/sized_rolling_appender.h"
@@ -22,36 +22,6 @@ struct QuoteEntry {
   std::string code;
   std::string market;
   QuoteCallback callback;
-};
-
-// Subscription registries are read on every real-time record, so readers
-// share the lock and hold it only to take a reference to the entry; the host
-// callback runs unlocked and may unsubscribe from inside itself.
-template <typename Entry>
-class SharedRegistry {
- public:
-  void put(short id, Entry entry) {
-    auto record = std::make_shared<const Entry>(std::move(entry));
-    std::unique_lock<std::shared_mutex> lock(mu_);
-    entries_[id] = std::move(record);
-  }
-  std::shared_ptr<const Entry> take(short id) {
-    std::unique_lock<std::shared_mutex> lock(mu_);
-    auto it = entries_.find(id);
-    if (it == entries_.end()) return nullptr;
-    auto record = std::move(it->second);
-    entries_.erase(it);
-    return record;
-  }
-  std::shared_ptr<const Entry> find(short id) const {
-    std::shared_lock<std::shared_mutex> lock(mu_);
-    auto it = entries_.find(id);
-    return it == entries_.end() ? nullptr : it->second;
-  }
-
- private:
-  mutable std::shared_mutex mu_;
-  std::map<short, std::shared_ptr<const Entry>> entries_;
 };
 
 }  // namespace
@@ -68,8 +38,8 @@ struct KelQuoteClient::State {
   std::shared_ptr<const StatusCallback> connect_callback;
   std::shared_ptr<const StatusCallback> market_info_callback;
 
-  SharedRegistry<QuoteEntry> quotes;
-  SharedRegistry<WholeQuoteCallback> pushes;
+  SubscriberRegistry<QuoteEntry> quotes;
+  SubscriberRegistry<WholeQuoteCallback> pushes;
 
   // Recursive: the host may issue a new request from inside a callback that
   // runs under the lock.
@@ -326,23 +296,21 @@ void KelQuoteClient::onRequestHistory(const short& id, const QuoteRecords& bars,
 
 void KelQuoteClient::onSubscribe(const short& id, const QuoteRecords& records) {
   const char* function = "tavr::KelQuoteClient::onSubscribe";
-  auto entry = state_->quotes.find(id);
-  if (entry == nullptr) {
+  if (!state_->quotes.call(id, [&](const QuoteEntry& entry) {
+        host_call(entry.callback, se::kQuoteData, records, se::kArrivedRealTime);
+      })) {
     CMyLog::PrintLog(LOG_INFO, function, "No request found in waiting list[id=%d]!!!", id);
     return;
   }
-  host_call(entry->callback, se::kQuoteData, records, se::kArrivedRealTime);
   CMyLog::PrintLog(LOG_TRACE, function, "Return real time data[id = %d]!!!", id);
 }
 
 void KelQuoteClient::onWholeSub(const short& id, const QuoteMap& records) {
   const char* function = "tavr::KelQuoteClient::onWholeSub";
-  auto entry = state_->pushes.find(id);
-  if (entry == nullptr) {
+  if (!state_->pushes.call(id, [&](const WholeQuoteCallback& callback) { host_call(callback, records); })) {
     CMyLog::PrintLog(LOG_INFO, function, "No request found in waiting list[id=%d]!!!", id);
     return;
   }
-  host_call(*entry, records);
   CMyLog::PrintLog(LOG_TRACE, function, "Return real time data[id = %d]!!!", id);
 }
 
@@ -402,7 +370,7 @@ void KelQuoteClient::add_quote_info(short id, std::string code, std::string mark
 }
 
 bool KelQuoteClient::del_quote_info(short id, std::string& code, std::string& market) {
-  auto entry = state_->quotes.take(id);
+  auto entry = state_->quotes.remove(id);
   if (entry == nullptr) return false;
   code = entry->code;
   market = entry->market;
@@ -413,7 +381,7 @@ void KelQuoteClient::add_mkt_push_info(short id, WholeQuoteCallback callback) {
   state_->pushes.put(id, std::move(callback));
 }
 
-bool KelQuoteClient::del_mkt_push_info(short id) { return state_->pushes.take(id) != nullptr; }
+bool KelQuoteClient::del_mkt_push_info(short id) { return state_->pushes.remove(id) != nullptr; }
 
 void KelQuoteClient::add_history_info(short id, QuoteCallback callback) {
   std::lock_guard<std::recursive_mutex> lock(state_->history_mu);

@@ -1,6 +1,7 @@
 #include "kelquote/KelQuoteClient.h"
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -158,7 +159,7 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   EXPECT_TRUE(client_.del_mkt_push_info(2));
 }
 
-TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
+TEST_F(KelQuoteClientTest, UnsubscribeWaitsForTheCallbackInProgressButNeverForItself) {
   int calls = 0;
   client_.add_quote_info(50, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
     ++calls;
@@ -167,6 +168,45 @@ TEST_F(KelQuoteClientTest, ASubscriberMayUnsubscribeFromItsOwnCallback) {
   client_.onSubscribe(50, {});
   client_.onSubscribe(50, {});
   EXPECT_EQ(calls, 1);
+
+  // From another thread: the host may destroy what the callback uses as soon
+  // as unsubscribe returns. Same for a whole-market subscription.
+  std::atomic<bool> entered{false}, running{false};
+  auto slow = [&] {
+    running = true;
+    entered = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    running = false;
+  };
+  client_.add_quote_info(51, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    slow();
+  });
+  client_.add_mkt_push_info(2, [&](const QuoteMap&) { slow(); });
+  for (int whole = 0; whole < 2; ++whole) {
+    entered = false;
+    std::thread service([&] { whole ? client_.onWholeSub(2, {}) : client_.onSubscribe(51, {}); });
+    while (!entered) std::this_thread::yield();
+    whole ? client_.unWholeQuote(2) : client_.unsubscribe(51);
+    EXPECT_FALSE(running) << "whole market " << whole;
+    service.join();
+  }
+
+  // Two callbacks that unsubscribe each other at once both return.
+  std::atomic<int> inside{0}, finished{0};
+  for (short id : {60, 61}) {
+    client_.add_quote_info(id, "600000", "SH", [&, id](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+      ++inside;
+      while (inside < 2) std::this_thread::yield();
+      client_.unsubscribe(id == 60 ? 61 : 60);
+      ++finished;
+    });
+  }
+  std::thread first([&] { client_.onSubscribe(60, {}); });
+  std::thread second([&] { client_.onSubscribe(61, {}); });
+  for (int i = 0; i < 500 && finished < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(finished, 2) << "two callbacks unsubscribing each other hang";
+  first.join();
+  second.join();
 }
 
 TEST_F(KelQuoteClientTest, SubscribeAndDeliverConcurrently) {

@@ -8,7 +8,9 @@
 #ifndef KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 #define KELQUOTE_REALTIME_SUBSCRIPTION_TABLE_H_
 
+#include <array>
 #include <atomic>
+#include <functional>
 #include <bitset>
 #include <cstdint>
 #include <memory>
@@ -43,6 +45,13 @@ class SubscriptionTable {
   // Instrument keys with at least one entry.
   size_t keys() const;
 
+  // Held across a change of key's entries and the matching call to the
+  // service, so that what the service was last told for an instrument agrees
+  // with the table whatever the interleaving of subscribes and unsubscribes.
+  std::mutex& change_lock(const std::string& key) {
+    return change_mu_[std::hash<std::string>()(key) % change_mu_.size()];
+  }
+
   std::atomic<uint32_t> subscribed_count{0};  // distinct (key, level) pairs subscribed
 
  private:
@@ -50,6 +59,7 @@ class SubscriptionTable {
   // marks serial held or free.
   void publish(const std::string& key, std::shared_ptr<const List> next, uint16_t serial, bool held);
 
+  std::array<std::mutex, 64> change_mu_;
   std::mutex write_mu_;  // serialises writers; only they change lists_ and serials_
   mutable std::mutex mu_;  // guards lists_ and serials_ against the readers
   std::unordered_map<std::string, std::shared_ptr<const List>> lists_;

@@ -45,6 +45,8 @@ uint16_t DvDataMgr::request_tick_push(const quoter::TSMetaInfo& request, const s
     return kRequestFailed;
   }
   int level = LevelOf(request.metaId);
+  const std::string key = request.code + "." + market;
+  std::lock_guard<std::mutex> change(subscriptions_.change_lock(key));
   int rc = -1;
   if (level == 0) rc = api_->SubscribeL1(&item, 1);
   if (level == 1) rc = api_->SubscribeL2(&item, 1);
@@ -53,7 +55,7 @@ uint16_t DvDataMgr::request_tick_push(const quoter::TSMetaInfo& request, const s
     return kRequestFailed;
   }
   TickSubscription entry{serial, static_cast<uint16_t>(request.metaId), static_cast<uint8_t>(level)};
-  if (subscriptions_.add(request.code + "." + market, entry)) {
+  if (subscriptions_.add(key, entry)) {
     CMyLog::PrintLog(LOG_INFO, function, "Sub %s.%s[%s], count[%d]!", request.code.c_str(), market.c_str(),
                      level == 1 ? "L2" : "L1", static_cast<int>(subscriptions_.subscribed_count.load()));
   }
@@ -63,7 +65,9 @@ uint16_t DvDataMgr::request_tick_push(const quoter::TSMetaInfo& request, const s
 void DvDataMgr::release_tick_push(const std::string& code, const std::string& market, uint16_t serial) {
   const char* function = "DvDataMgr::release_tick_push";
   uint8_t level = 0;
-  if (!subscriptions_.remove(code + "." + market, serial, level)) return;
+  const std::string key = code + "." + market;
+  std::lock_guard<std::mutex> change(subscriptions_.change_lock(key));
+  if (!subscriptions_.remove(key, serial, level)) return;
   subscriptions_.subscribed_count.fetch_sub(1);
   ApiCodeItem item = CodeItem(code, market);
   if (api_ == nullptr) {

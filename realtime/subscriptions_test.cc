@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <string>
+#include <thread>
+
 #include "testkit/fake_api.h"
 #include "testkit/market_fixture.h"
 
@@ -138,6 +142,34 @@ TEST_F(SubscriptionsTest, TablesStaySoundWhileDeliveriesReadThem) {
   reader.join();
   EXPECT_EQ(count(), 0u);
   EXPECT_EQ(mgr().subscriptions().keys(), 0u);
+}
+
+TEST_F(SubscriptionsTest, TheServiceIsLastToldWhatTheTableHolds) {
+  // A subscribe of one host racing the unsubscribe of the instrument's only
+  // other subscriber, against a service whose calls take a while.
+  api().before_call([](const std::string& op) {
+    if (op.find("ubscribeL1") != std::string::npos) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  auto last_call = [&] {
+    std::string last;
+    for (const auto& call : api().calls()) {
+      if (call.op == "SubscribeL1" || call.op == "UnsubscribeL1") last = call.op;
+    }
+    return last;
+  };
+  for (int round = 0; round < 40; ++round) {
+    uint16_t b = mgr().request_tick_push(Request("600000", 3000), "SH");
+    uint16_t a = 0;
+    std::thread subscribe([&] { a = mgr().request_tick_push(Request("600000", 3000), "SH"); });
+    if (round % 2 == 1) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    mgr().release_tick_push("600000", "SH", b);
+    subscribe.join();
+    ASSERT_EQ(mgr().subscriptions().keys(), 1u);
+    ASSERT_EQ(last_call(), "SubscribeL1") << "round " << round;
+    mgr().release_tick_push("600000", "SH", a);
+    ASSERT_EQ(last_call(), "UnsubscribeL1");
+    ASSERT_EQ(count(), 0u);
+  }
 }
 
 }  // namespace

@@ -76,7 +76,18 @@ int FakeDataApi::Int(const char* op, int64_t arg) {
   return it == results_.end() ? 0 : it->second;
 }
 
+void FakeDataApi::before_call(std::function<void(const std::string& op)> fn) {
+  std::lock_guard<std::mutex> lock(mu_);
+  before_call_ = std::move(fn);
+}
+
 int FakeDataApi::Rec(const char* op, const void* record, size_t size, int64_t arg) {
+  std::function<void(const std::string&)> before;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    before = before_call_;
+  }
+  if (before) before(op);
   std::lock_guard<std::mutex> lock(mu_);
   ApiCall call{op, {}, arg};
   if (record != nullptr) {

@@ -30,6 +30,9 @@ class FakeDataApi final : public CDataApi {
   // Runs inside Connect on the calling thread, as a vendor reporting from
   // within the call does.
   void on_connect(std::function<void()> fn);
+  // Runs at the start of every recorded call, unlocked (e.g. a vendor that
+  // takes its time); the call is recorded when it returns.
+  void before_call(std::function<void(const std::string& op)> fn);
 
   std::vector<ApiCall> calls() const;
   std::vector<ApiCall> calls(const std::string& op) const;
@@ -108,6 +111,7 @@ class FakeDataApi final : public CDataApi {
   std::map<std::string, int> results_;
   ConnectResult connect_result_{0, 0, 0};
   std::function<void()> on_connect_;
+  std::function<void(const std::string&)> before_call_;
   CDataApiCallBack* callback_ = nullptr;
   ServerTable servers_;
 };

@@ -1,0 +1,114 @@
+// The host's subscriptions by id, read on every real-time record.
+//
+// Contract: once remove(id) has returned, id's callback is not running and is
+// never called again; a host destroys what its callback captures right after
+// unsubscribing. Deliveries share a lock only to find the entry; the callback
+// runs unlocked, counted on the entry, and remove waits for the count to drop.
+// Two exceptions keep that wait from hanging:
+//  - a callback that removes its own id does not wait for itself;
+//  - a callback that removes another id whose only running calls are
+//    themselves waiting on a removal does not wait for those (two callbacks
+//    that remove each other at once would otherwise wait for ever).
+#ifndef KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
+#define KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <utility>
+
+namespace tavr {
+
+// The calls in progress of one entry. Counting costs a delivery two atomic
+// operations on the entry; only a removal takes the shared wait lock.
+class CallGate {
+ public:
+  // Runs f() unless the gate is closed; true when f ran.
+  template <typename F>
+  bool call(F&& f) {
+    active_.fetch_add(1);
+    if (closed_.load()) {
+      leave();
+      return false;
+    }
+    CallGate* outer = current();
+    current() = this;
+    struct Leave {
+      CallGate* gate;
+      CallGate* outer;
+      ~Leave() {
+        current() = outer;
+        gate->leave();
+      }
+    } leave_on_exit{this, outer};
+    f();
+    return true;
+  }
+
+  // Closes the gate and waits for the calls in progress (see the contract above).
+  void close_and_wait();
+
+ private:
+  void leave();
+  // The gate whose call the running thread is inside, if any.
+  static CallGate*& current();
+
+  std::atomic<int> active_{0};
+  std::atomic<bool> closed_{false};
+  int waiting_inside_ = 0;  // calls in progress blocked in a removal; under the wait lock
+};
+
+template <typename Entry>
+class SubscriberRegistry {
+ public:
+  void put(short id, Entry entry) {
+    auto slot = std::make_shared<Slot>(std::move(entry));
+    std::unique_lock<std::shared_mutex> lock(mu_);
+    slots_[id] = std::move(slot);
+  }
+
+  // Calls f(entry) for id's entry; false when there is none (or it is being removed).
+  template <typename F>
+  bool call(short id, F&& f) const {
+    std::shared_ptr<Slot> slot = find(id);
+    return slot != nullptr && slot->gate.call([&] { f(static_cast<const Entry&>(slot->entry)); });
+  }
+
+  // Removes id's entry and waits for its calls in progress; null when there
+  // was none. The entry stays alive while the caller holds it.
+  std::shared_ptr<const Entry> remove(short id) {
+    std::shared_ptr<Slot> slot;
+    {
+      std::unique_lock<std::shared_mutex> lock(mu_);
+      auto it = slots_.find(id);
+      if (it == slots_.end()) return nullptr;
+      slot = std::move(it->second);
+      slots_.erase(it);
+    }
+    slot->gate.close_and_wait();
+    return std::shared_ptr<const Entry>(slot, &slot->entry);
+  }
+
+ private:
+  struct Slot {
+    explicit Slot(Entry e) : entry(std::move(e)) {}
+    Entry entry;
+    CallGate gate;
+  };
+
+  std::shared_ptr<Slot> find(short id) const {
+    std::shared_lock<std::shared_mutex> lock(mu_);
+    auto it = slots_.find(id);
+    return it == slots_.end() ? nullptr : it->second;
+  }
+
+  mutable std::shared_mutex mu_;
+  std::map<short, std::shared_ptr<Slot>> slots_;
+};
+
+}  // namespace tavr
+
+#endif  // KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
