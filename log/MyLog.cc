@@ -75,6 +75,8 @@ int CMyLog::InitLog() {
   const char* path = port::LogConfigPath();
   if (!port::FileExists(path)) WriteDefaultConfig(path);
   f.watcher = new log4cplus::ConfigureAndWatchThread(LOG4CPLUS_TEXT(path), 5000);
+  // The watcher runs until the process ends, so the library must stay loaded.
+  port::PinModule(kDefaultConfig);
   // The watcher configured the logger in its constructor; a later change of
   // the file brings log4cplus's own appender back, which only costs speed.
   SpeedUpRollingAppenders(BoundLogger(), path);

@@ -61,7 +61,10 @@ Thread* StartThread(unsigned (*fn)(void*), void* arg);
 void JoinThread(Thread* thread);
 
 // A per-thread pointer slot: dtor(value) runs when a thread that set a
-// non-null value ends. Slots live as long as the process.
+// non-null value ends. Slots live as long as their module: when a library
+// holding slots is unloaded, ReleaseThreadSlots frees them and destroys the
+// values that threads still hold, so that no thread's exit calls into code
+// that is gone.
 class ThreadSlot {
  public:
   explicit ThreadSlot(void (*dtor)(void*));
@@ -69,10 +72,20 @@ class ThreadSlot {
   ThreadSlot& operator=(const ThreadSlot&) = delete;
   void* get() const;
   void set(void* value);
+  // What a thread's end does to the value it set.
+  void destroy(void* value) const { dtor_(value); }
 
  private:
+  friend void ReleaseThreadSlots();
   unsigned long key_;
+  void (*dtor_)(void*);
+  bool freed_ = false;
 };
+
+// Frees this module's slots; what get() then returns is null and set() is
+// ignored. On Windows the module's DllMain calls it when a host unloads the
+// DLL (not at process exit, when other threads are already gone mid-step).
+void ReleaseThreadSlots();
 
 // One T per thread, made on the thread's first get() and destroyed when the
 // thread ends. Use it, not thread_local, for anything with a destructor:
@@ -103,6 +116,17 @@ void SleepMs(int milliseconds);
 void CpuRelax();
 // The operating system's id of the calling thread.
 unsigned long CurrentThreadId();
+
+// Keeps the shared library holding address loaded until the process ends,
+// whatever its host unloads: for a library that leaves threads running (on
+// Linux the libraries are linked to stay loaded, and this does nothing).
+void PinModule(const void* address);
+
+// A shared library loaded at run time: null when it cannot be loaded or has
+// no such symbol.
+void* LoadModule(const std::string& path);
+void* ModuleSymbol(void* module, const char* name);
+void UnloadModule(void* module);
 
 // Calendar conversions in the process's local time zone.
 bool LocalTime(std::time_t t, std::tm* out);

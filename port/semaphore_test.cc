@@ -92,6 +92,22 @@ TEST(PortTest, ThreadLocalGivesEachThreadItsOwnObjectUntilTheThreadEnds) {
     EXPECT_EQ(shared.use_count(), 1);
   }
   EXPECT_TRUE(mine.owned.empty());
+
+  // Unloading the module destroys what live threads still hold, once.
+  std::atomic<bool> holding{false}, go{false};
+  std::thread holder([&] {
+    local.get().owned.push_back(shared);
+    holding = true;
+    while (!go) std::this_thread::yield();
+  });
+  while (!holding) std::this_thread::yield();
+  EXPECT_EQ(g_tracked.load(), 2);
+  port::ReleaseThreadSlots();
+  EXPECT_EQ(g_tracked.load(), 0);
+  EXPECT_EQ(shared.use_count(), 1);
+  go = true;
+  holder.join();
+  EXPECT_EQ(g_tracked.load(), 0);
 }
 
 }  // namespace

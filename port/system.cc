@@ -1,6 +1,8 @@
 // Everything here that differs between Windows and POSIX.
 #include <filesystem>
 #include <thread>
+#include <unordered_map>
+#include <vector>
 
 #include "port/port.h"
 
@@ -10,6 +12,7 @@
 #if defined(_WIN32)
 #include <windows.h>
 #else
+#include <dlfcn.h>
 #include <iconv.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -50,22 +53,124 @@ void SleepMs(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+namespace {
+
+// Every value a slot of this module holds, so that freeing the slots can
+// destroy what threads still hold. Never destroyed: threads may end after
+// the module's statics are gone.
+struct SlotValues {
+  std::mutex mu;
+  std::unordered_map<void*, ThreadSlot*> owners;
+  std::vector<ThreadSlot*> slots;
+};
+SlotValues& Values() {
+  static auto* values = new SlotValues;
+  return *values;
+}
+
+// The system's destructor of every slot: destroys a value still registered
+// (once, whether the thread's end or the slot's release comes first).
+void ReleaseValue(void* value) {
+  ThreadSlot* slot = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(Values().mu);
+    auto it = Values().owners.find(value);
+    if (it == Values().owners.end()) return;
+    slot = it->second;
+    Values().owners.erase(it);
+  }
+  slot->destroy(value);
+}
+
+}  // namespace
+
 #if defined(_WIN32)
 // A fiber-local slot's callback also runs when a thread ends, and the value
 // lives outside the thread_local storage that MinGW frees first. x64 has one
-// calling convention, so dtor serves as the callback as it is.
-ThreadSlot::ThreadSlot(void (*dtor)(void*)) : key_(FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(dtor))) {}
-void* ThreadSlot::get() const { return FlsGetValue(key_); }
-void ThreadSlot::set(void* value) { FlsSetValue(key_, value); }
+// calling convention, so ReleaseValue serves as the callback as it is.
+static unsigned long NewKey() { return FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(&ReleaseValue)); }
+static void FreeKey(unsigned long key) { FlsFree(key); }
+static void* GetKey(unsigned long key) { return FlsGetValue(key); }
+static void SetKey(unsigned long key, void* value) { FlsSetValue(key, value); }
 #else
-ThreadSlot::ThreadSlot(void (*dtor)(void*)) {
+static unsigned long NewKey() {
   pthread_key_t key;
-  pthread_key_create(&key, dtor);
-  key_ = key;
+  pthread_key_create(&key, &ReleaseValue);
+  return key;
 }
-void* ThreadSlot::get() const { return pthread_getspecific(static_cast<pthread_key_t>(key_)); }
-void ThreadSlot::set(void* value) { pthread_setspecific(static_cast<pthread_key_t>(key_), value); }
+static void FreeKey(unsigned long key) { pthread_key_delete(static_cast<pthread_key_t>(key)); }
+static void* GetKey(unsigned long key) { return pthread_getspecific(static_cast<pthread_key_t>(key)); }
+static void SetKey(unsigned long key, void* value) { pthread_setspecific(static_cast<pthread_key_t>(key), value); }
 #endif
+
+ThreadSlot::ThreadSlot(void (*dtor)(void*)) : key_(NewKey()), dtor_(dtor) {
+  std::lock_guard<std::mutex> lock(Values().mu);
+  Values().slots.push_back(this);
+}
+
+void* ThreadSlot::get() const { return freed_ ? nullptr : GetKey(key_); }
+
+void ThreadSlot::set(void* value) {
+  std::lock_guard<std::mutex> lock(Values().mu);
+  if (freed_) return;
+  if (void* old = GetKey(key_)) Values().owners.erase(old);
+  if (value != nullptr) Values().owners[value] = this;
+  SetKey(key_, value);
+}
+
+void ReleaseThreadSlots() {
+  std::vector<ThreadSlot*> slots;
+  {
+    std::lock_guard<std::mutex> lock(Values().mu);
+    slots.swap(Values().slots);
+    for (ThreadSlot* slot : slots) slot->freed_ = true;
+  }
+  // Windows calls ReleaseValue for the values of every thread as it frees
+  // a key; POSIX calls nothing. Whatever is left is destroyed here.
+  for (ThreadSlot* slot : slots) FreeKey(slot->key_);
+  std::unordered_map<void*, ThreadSlot*> left;
+  {
+    std::lock_guard<std::mutex> lock(Values().mu);
+    left.swap(Values().owners);
+  }
+  for (auto& [value, slot] : left) slot->destroy(value);
+}
+
+void PinModule(const void* address) {
+#if defined(_WIN32)
+  HMODULE module = nullptr;
+  GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                     static_cast<LPCSTR>(address), &module);
+#else
+  (void)address;
+#endif
+}
+
+void* LoadModule(const std::string& path) {
+#if defined(_WIN32)
+  return reinterpret_cast<void*>(LoadLibraryA(path.c_str()));
+#else
+  return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+#endif
+}
+
+void* ModuleSymbol(void* module, const char* name) {
+  if (module == nullptr) return nullptr;
+#if defined(_WIN32)
+  return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
+#else
+  return dlsym(module, name);
+#endif
+}
+
+void UnloadModule(void* module) {
+  if (module == nullptr) return;
+#if defined(_WIN32)
+  FreeLibrary(static_cast<HMODULE>(module));
+#else
+  dlclose(module);
+#endif
+}
 
 unsigned long CurrentThreadId() {
 #if defined(_WIN32)
@@ -138,3 +243,11 @@ void CpuRelax() {
 }
 
 }  // namespace port
+
+#if defined(_WIN32)
+// Every DLL that links this layer frees its slots when a host unloads it.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) port::ReleaseThreadSlots();
+  return TRUE;
+}
+#endif

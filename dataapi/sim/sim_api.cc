@@ -6,12 +6,18 @@
 #include "dataapi/sim/calendar.h"
 #include "dataapi/sim/replies.h"
 #include "dataapi/sim/sim_control.h"
+#include "port/port.h"
 
 namespace sim {
 
 SimDataApi& SimDataApi::instance() {
-  // Never destroyed: a host may still call in while the process exits.
-  static SimDataApi* api = new SimDataApi();
+  // Never destroyed: a host may still call in while the process exits. Its
+  // callback thread runs as long, so the library stays loaded.
+  static SimDataApi* api = [] {
+    static const char anchor = 0;  // an address inside this library
+    port::PinModule(&anchor);
+    return new SimDataApi();
+  }();
   return *api;
 }
 
