@@ -1,4 +1,5 @@
 // Level-1 snapshots of subscribed instruments.
+#include <cstdint>
 #include <cstring>
 
 #include "datamgr/DvDataMgr.h"
@@ -62,11 +63,11 @@ void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
 
   // One instrument's snapshots are handled by one service thread (the queue
   // keys them by instrument), so the totals never see two writers.
-  if (record->last_price >= a->lastPrice) {
-    record->sell_volume_total += a->volume;
-  } else {
-    record->buy_volume_total += a->volume;
-  }
+  // A vendor's volume can be anything: the totals stop at int64's bounds
+  // rather than overflow.
+  int64_t& total = record->last_price >= a->lastPrice ? record->sell_volume_total : record->buy_volume_total;
+  int64_t volume = static_cast<int64_t>(a->volume);
+  if (__builtin_add_overflow(total, volume, &total)) total = volume > 0 ? INT64_MAX : INT64_MIN;
   record->last_price = static_cast<float>(a->lastPrice);
   auto buy_sell = std::make_shared<quoter::BuySellData>();
   buy_sell->buyVolume = record->buy_volume_total;

@@ -1,10 +1,18 @@
 #include "testkit/fake_api.h"
 
+#include <chrono>
+#include <thread>
+
 namespace testkit {
 
 void FakeDataApi::set_result(const std::string& op, int result) {
   std::lock_guard<std::mutex> lock(mu_);
   results_[op] = result;
+}
+
+void FakeDataApi::set_delay(const std::string& op, int us) {
+  std::lock_guard<std::mutex> lock(mu_);
+  delays_[op] = us;
 }
 
 void FakeDataApi::set_connect_result(ConnectResult result) {
@@ -69,34 +77,26 @@ int FakeDataApi::Connect(ConnectResult* result) {
   return rc;
 }
 
-int FakeDataApi::Int(const char* op, int64_t arg) {
-  std::lock_guard<std::mutex> lock(mu_);
-  calls_.push_back(ApiCall{op, {}, arg});
-  auto it = results_.find(op);
-  return it == results_.end() ? 0 : it->second;
-}
-
-void FakeDataApi::before_call(std::function<void(const std::string& op)> fn) {
-  std::lock_guard<std::mutex> lock(mu_);
-  before_call_ = std::move(fn);
-}
+int FakeDataApi::Int(const char* op, int64_t arg) { return Rec(op, nullptr, 0, arg); }
 
 int FakeDataApi::Rec(const char* op, const void* record, size_t size, int64_t arg) {
-  std::function<void(const std::string&)> before;
+  int result = 0;
+  int delay_us = 0;
   {
     std::lock_guard<std::mutex> lock(mu_);
-    before = before_call_;
+    ApiCall call{op, {}, arg};
+    if (record != nullptr) {
+      const auto* bytes = static_cast<const uint8_t*>(record);
+      call.bytes.assign(bytes, bytes + size);
+    }
+    calls_.push_back(std::move(call));
+    auto it = results_.find(op);
+    if (it != results_.end()) result = it->second;
+    auto delay = delays_.find(op);
+    if (delay != delays_.end()) delay_us = delay->second;
   }
-  if (before) before(op);
-  std::lock_guard<std::mutex> lock(mu_);
-  ApiCall call{op, {}, arg};
-  if (record != nullptr) {
-    const auto* bytes = static_cast<const uint8_t*>(record);
-    call.bytes.assign(bytes, bytes + size);
-  }
-  calls_.push_back(std::move(call));
-  auto it = results_.find(op);
-  return it == results_.end() ? 0 : it->second;
+  if (delay_us > 0) std::this_thread::sleep_for(std::chrono::microseconds(delay_us));
+  return result;
 }
 
 }  // namespace testkit

@@ -25,14 +25,14 @@ class FakeDataApi final : public CDataApi {
  public:
   // Result of op from now on (default 0).
   void set_result(const std::string& op, int result);
+  // Each call of op returns us microseconds after it was recorded, as a
+  // vendor's call that sends on the network does.
+  void set_delay(const std::string& op, int us);
   // What Connect writes into its result record.
   void set_connect_result(ConnectResult result);
   // Runs inside Connect on the calling thread, as a vendor reporting from
   // within the call does.
   void on_connect(std::function<void()> fn);
-  // Runs at the start of every recorded call, unlocked (e.g. a vendor that
-  // takes its time); the call is recorded when it returns.
-  void before_call(std::function<void(const std::string& op)> fn);
 
   std::vector<ApiCall> calls() const;
   std::vector<ApiCall> calls(const std::string& op) const;
@@ -109,9 +109,9 @@ class FakeDataApi final : public CDataApi {
   mutable std::mutex mu_;
   std::vector<ApiCall> calls_;
   std::map<std::string, int> results_;
+  std::map<std::string, int> delays_;
   ConnectResult connect_result_{0, 0, 0};
   std::function<void()> on_connect_;
-  std::function<void(const std::string&)> before_call_;
   CDataApiCallBack* callback_ = nullptr;
   ServerTable servers_;
 };
