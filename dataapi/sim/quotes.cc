@@ -185,7 +185,7 @@ QuoteBook::State& QuoteBook::state(const Market& market, size_t index, const Sta
   if (!moment.opened) return s;  // nothing traded yet today
   // Read after the open: the day so far.
   s.open = s.last = s.high = s.low = s.planned_open;
-  s.volume = static_cast<double>(s.min_order + (1000 + Below(s, 50000)) * std::max<int64_t>(s.lot, 100));
+  s.volume = static_cast<double>((1000 + Below(s, 50000)) * std::max<int64_t>(item.volume_unit, 1));
   s.turnover = s.volume * static_cast<double>(s.open) * static_cast<double>(item.multiplier) / item.scale();
   s.trade_count = static_cast<uint32_t>(s.volume / static_cast<double>(s.min_order) / 8) + 1;
   return s;
