@@ -308,6 +308,11 @@ const std::vector<size_t>& QuoteBook::constituents(const Market& market, size_t 
 
 QuoteBook::State& QuoteBook::advance(const Market& market, size_t index, const Stamp& now) {
   State& s = state(market, index, now);
+  // Read again at the same moment (an index's shares, a second stream): as it is.
+  if (s.read_step == now.step && s.read_date == now.date && s.read_time == now.hhmmss) return s;
+  s.read_step = now.step;
+  s.read_date = now.date;
+  s.read_time = now.hhmmss;
   const Instrument& item = market.instruments[index];
   const Schedule& schedule = schedule_of(market, item);
   Moment moment = moment_at(schedule, now.date != 0 ? now.date : market.trade_date, now.hhmmss);

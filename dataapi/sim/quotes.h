@@ -108,6 +108,9 @@ class QuoteBook {
     uint32_t trade_number = 0;
     uint32_t order_number = 0;
     int64_t at_step = 0;  // the clock step the walk has reached
+    int64_t read_step = -1;  // the moment of the latest read
+    int32_t read_date = 0;
+    int32_t read_time = -1;
     int64_t planned_open = 0;  // the opening auction's price
     bool open_done = false;   // the opening auction has matched
     bool close_done = false;  // the closing auction has matched
