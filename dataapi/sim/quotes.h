@@ -118,7 +118,7 @@ class QuoteBook {
     int phase_code = 15;      // of the latest read
     bool level2 = false;      // a level-2 stream reads the trades
     std::vector<Trade> unsent;  // trades since the last level-2 send
-    // After-hours trading of a STAR share; close is fixed when the window opens.
+    // After-hours trading of a STAR or ChiNext share; close is fixed when the window opens.
     bool after_hours = false;
     int64_t close = 0;
     int32_t after_volume = 0;

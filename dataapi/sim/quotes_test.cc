@@ -198,7 +198,7 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
         const Instrument& item = market.instruments[sample[k]];
         if (t == 151000) {  // after-hours fixed-price trading: STAR and ChiNext only
           bool after = item.type_code == kTypeStarStock || item.type_code == kTypeChiNextStock;
-          ASSERT_EQ(book.level1(market, sample[k], at).board_kind, after ? 8u : market.id == kHK ? 2u : market.market_type == 2 ? 3u : 0u)
+          ASSERT_EQ(+book.level1(market, sample[k], at).board_kind, after ? 8u : market.id == kHK ? 2u : market.market_type == 2 ? 3u : 0u)
               << item.code;
         }
         Level2Messages messages = book.level2(market, sample[k], at);
@@ -211,17 +211,17 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
           auto trade = Read<ApiL2Transaction>(messages.transactions, sizeof(ApiL2Head) + n * sizeof(ApiL2Transaction));
           const int64_t units = trade.price / factor;
           const std::string where = market.name + " " + item.code + " at " + std::to_string(t);
-          ASSERT_EQ(units * factor, trade.price) << where;
+          ASSERT_EQ(units * factor, +trade.price) << where;
           ASSERT_EQ(units % (market.id == kHK ? HKTick(units) : item.tick_units), 0) << where << " price " << units;
           if (item.upper_units > 0) {
             ASSERT_TRUE(units >= item.lower_units && units <= item.upper_units) << where << " price " << units;
           }
-          ASSERT_TRUE(hours.allows(trade.time / 1000)) << where;
-          ASSERT_EQ(trade.amount, trade.price * trade.volume * item.multiplier) << where;
+          ASSERT_TRUE(hours.allows(+trade.time / 1000)) << where;
+          ASSERT_EQ(+trade.amount, +trade.price * trade.volume * item.multiplier) << where;
           if (item.type_code == kTypeStarStock) {
-            ASSERT_GE(trade.volume, 200) << where;
+            ASSERT_GE(+trade.volume, 200) << where;
           } else {
-            ASSERT_EQ(trade.volume % std::max<int>(1, item.volume_unit), 0) << where;
+            ASSERT_EQ(+trade.volume % std::max<int>(1, item.volume_unit), 0) << where;
           }
           ++seen[k].trades;
           seen[k].shares += trade.volume;
@@ -253,8 +253,8 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
         }
         if (static_cast<int>(i) == at) index = tick;
       }
-      EXPECT_NEAR(index.volume, volume, volume * 1e-4) << composite;
-      EXPECT_NEAR(index.turnover, turnover, turnover * 1e-4) << composite;
+      EXPECT_NEAR(+index.volume, volume, volume * 1e-4) << composite;
+      EXPECT_NEAR(+index.turnover, turnover, turnover * 1e-4) << composite;
       EXPECT_GT(index.turnover / index.volume, 2.0) << composite;  // yuan a share, not index points
       EXPECT_LT(index.turnover / index.volume, 200.0) << composite;
     }

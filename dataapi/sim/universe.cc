@@ -3,9 +3,11 @@
 #include "dataapi/sim/universe.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <random>
 #include <set>
+#include <utility>
 
 #include "dataapi/sim/calendar.h"
 

@@ -29,7 +29,7 @@ enum MarketId : uint8_t {
 enum TypeCode : uint16_t {
   kTypeIndex = 0x0101,
   kTypeMainStock = 0x0201,
-  kTypeSmeStock = 0x0202,
+  kTypeSmeStock = 0x0202,  // none since the SME board merged into the main board
   kTypeChiNextStock = 0x0203,
   kTypeStarStock = 0x021B,  // 539: STAR shares, with after-hours fixed-price trading
   kTypeEtf = 0x0301,
@@ -49,7 +49,7 @@ constexpr uint8_t kFlagSuspended = 4;
 // Boards of the other-base record.
 enum Board : uint8_t {
   kBoardMain = 0,
-  kBoardSme = 1,
+  kBoardSme = 1,  // none since the merger
   kBoardChiNext = 2,
   kBoardStar = 3,
   kBoardOption = 4,

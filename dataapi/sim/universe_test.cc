@@ -215,7 +215,7 @@ TEST(UniverseTest, HongKongSharesHaveShortNamesAndTheirOwnBoardLots) {
       ++stocks;
       EXPECT_TRUE(code.size() == 5 && AllDigits(code)) << code;
       EXPECT_LE(strnlen(item.name, sizeof(item.name)), 22u) << code;
-      EXPECT_EQ(lots.count(item.volume_unit), 1u) << code << " lot " << item.volume_unit;
+      EXPECT_EQ(lots.count(+item.volume_unit), 1u) << code << " lot " << item.volume_unit;
       small_lots += item.volume_unit < 100 ? 1 : 0;
     }
   }
