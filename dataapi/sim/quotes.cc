@@ -338,7 +338,9 @@ QuoteBook::State& QuoteBook::advance(const Market& market, size_t index, const S
   if (moment.closed && !s.close_done) {
     // The closing call auction matches at the last price.
     s.close_done = true;
-    if (!IsIndex(item) && schedule.day.back().phase != Phase::kContinuous) {
+    bool auction = std::any_of(schedule.day.begin(), schedule.day.end(),
+                               [](const Segment& segment) { return segment.phase == Phase::kClosingAuction; });
+    if (!IsIndex(item) && auction) {
       trade(item, s, Trade{s.last, Shares(s, 200), (Next(s) & 1) != 0, now.hhmmss});
     }
   }
