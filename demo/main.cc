@@ -50,11 +50,31 @@ std::string Pad(const std::string& utf8, size_t width) {
 namespace {
 
 const char kUsage[] =
-    "usage: kelquote_demo [--fail-connect] [--outage] [--seconds N]\n"
+    "usage: kelquote_demo [--fail-connect] [--outage] [--seconds N] [--wall-clock]\n"
     "  Run from a folder holding dravikcfg.dat and ini/, beside ../userdata/log/.\n"
     "  --fail-connect  the simulated service refuses the connection: the login fails\n"
     "  --outage        after login the quote connection drops for a second and comes back\n"
-    "  --seconds N     how long the live table runs (default 5)\n";
+    "  --seconds N     how long the live table runs (default 5)\n"
+    "  --wall-clock    the simulated markets follow the wall clock, closed outside their\n"
+    "                  sessions (by default, outside every session they run at 10:00 of\n"
+    "                  the last trading day)\n";
+
+// Outside every session of the simulated markets, their clock starts at
+// 10:00 of the last trading day, so that the live table shows trading.
+void PickClock(bool wall_clock) {
+  int64_t now = utils::millisecondsToTime(static_cast<int64_t>(utils::getTime() * 1000.0));
+  int date = static_cast<int>(now / 1000000);
+  int time = static_cast<int>(now % 1000000);
+  if (wall_clock || SimMarketsTrading(date, time) != 0) {
+    std::printf("[demo] the simulated markets run on the wall clock (%d %06d)\n", date, time);
+    return;
+  }
+  int day = SimLastTradingDay(date);
+  SimSetClock(day, 100000);
+  std::printf("[demo] no market trades at %d %06d: the simulated clock starts at 10:00:00 of the last trading day, "
+              "%d (--wall-clock keeps the wall clock)\n",
+              date, time, day);
+}
 
 // Connection reports arrive on the service's thread; main waits for them.
 class Reports {
@@ -87,7 +107,7 @@ class Reports {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool fail_connect = false, outage = false;
+  bool fail_connect = false, outage = false, wall_clock = false;
   int seconds = 5;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--fail-connect") == 0) {
@@ -96,11 +116,15 @@ int main(int argc, char** argv) {
       seconds = std::atoi(argv[++i]);
     } else if (std::strcmp(argv[i], "--outage") == 0) {
       outage = true;
+    } else if (std::strcmp(argv[i], "--wall-clock") == 0) {
+      wall_clock = true;
     } else {
       std::fputs(kUsage, std::strcmp(argv[i], "--help") == 0 ? stdout : stderr);
       return std::strcmp(argv[i], "--help") == 0 ? 0 : 2;
     }
   }
+  PickClock(wall_clock);
+  std::fflush(stdout);
   if (fail_connect) SimRefuseConnect(1);
 
   tavr::BaseQuoteClient* client = getKelClient();

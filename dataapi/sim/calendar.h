@@ -10,8 +10,10 @@
 
 namespace sim {
 
-// Years for which the holiday list is complete.
-constexpr int kFirstHolidayYear = 2014;
+// Years for which the holiday list is complete. From 2000 to 2007 it holds
+// New Year's Day and the three golden weeks only.
+constexpr int kFirstHolidayYear = 2008;
+constexpr int kFirstListedHolidayYear = 2000;
 constexpr int kLastHolidayYear = 2026;
 
 // Days since 1970-01-01 of a yyyymmdd date, and back (proleptic Gregorian).
@@ -34,6 +36,14 @@ int32_t previous_trading_day(int32_t date);
 int32_t next_trading_day(int32_t date);
 // Trading days from first to last, both included.
 std::vector<int32_t> trading_days(int32_t first, int32_t last);
+
+// The Hong Kong connect's calendar: a connect day is a trading day of the
+// mainland exchanges on which Hong Kong's is open too (its holidays known
+// from the connect's start to kLastHolidayYear).
+bool is_hk_holiday(int32_t date);
+bool is_connect_day(int32_t date);
+int32_t connect_day_on_or_before(int32_t date);
+std::vector<int32_t> connect_days(int32_t first, int32_t last);
 
 // The process's local date.
 int32_t local_today();

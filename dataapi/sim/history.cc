@@ -9,6 +9,7 @@
 
 #include "dataapi/sim/calendar.h"
 #include "dataapi/sim/quotes.h"
+#include "dataapi/sim/sessions.h"
 
 namespace sim {
 
@@ -43,13 +44,26 @@ struct Series {
   int64_t lot;
   uint64_t seed;
 
+  double index_share_price = 0;  // an index's: the average price of the market's shares
+
   Series(const Universe& universe, const Market& m, const Instrument& i)
       : market(m), item(i), tick(std::max<int64_t>(1, i.tick_units)), lot(i.volume_unit > 0 ? i.volume_unit : 100) {
     seed = Hash(universe.seed(), m.id);
     for (char c : i.code) seed = Hash(seed, static_cast<uint8_t>(c));
+    if (i.type_code == kTypeIndex || i.type_code == kTypeHKIndex) {
+      double sum = 0;
+      int n = 0;
+      for (const Instrument& share : m.instruments) {
+        if (!share.is_stock() && share.type_code != kTypeHKStock) continue;
+        sum += share.pre_close();
+        ++n;
+      }
+      index_share_price = n > 0 ? sum / n : 10.0;
+      lot = 100000;
+    }
   }
 
-  int64_t Snap(int64_t units) const { return std::max(tick, units / tick * tick); }
+  int64_t Snap(int64_t units) const { return item.snap(units); }
 
   // Ten-thousandths of a price in units.
   int32_t Wire(int64_t units) const {
@@ -58,8 +72,12 @@ struct Series {
     for (int d = item.price_digits; d > 4; --d) v /= 10;
     return static_cast<int32_t>(std::clamp<int64_t>(v, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
   }
+  // Turnover: price x volume x the contract's multiplier; an index's from
+  // its shares, at the average price of the market's shares.
   int64_t Amount(int64_t shares, int64_t units) const {
-    return std::llround(static_cast<double>(shares) * static_cast<double>(units) / item.scale());
+    if (index_share_price > 0) return std::llround(static_cast<double>(shares) * index_share_price);
+    return std::llround(static_cast<double>(shares) * static_cast<double>(units) * static_cast<double>(item.multiplier) /
+                        item.scale());
   }
 
   // The trading days from first to last. Closes walk back from the reference
@@ -104,24 +122,9 @@ struct Series {
   }
 
   // Session minutes of a trading day: (element date, HHMMSS of the first
-  // second). The night session of the commodity markets opens the day, on
-  // the evening of the trading day before.
+  // second), as the product's schedule has them.
   std::vector<std::pair<int32_t, int32_t>> Minutes(int32_t date) const {
-    std::vector<std::pair<int32_t, int32_t>> ranges;  // HHMM, end excluded
-    if (market.id == kHK) {
-      ranges = {{930, 1200}, {1300, 1600}};
-    } else if (market.market_type == 2 && market.id != kZJ) {
-      if (market.flag_a != 0) ranges.push_back({2100, 2300});
-      ranges.insert(ranges.end(), {{900, 1015}, {1030, 1130}, {1330, 1500}});
-    } else {
-      ranges = {{930, 1130}, {1300, 1500}};
-    }
-    std::vector<std::pair<int32_t, int32_t>> minutes;
-    for (auto [from, to] : ranges) {
-      int32_t on = from >= 2000 ? previous_trading_day(date) : date;
-      for (int32_t m = from; m < to; m = m % 100 == 59 ? m + 41 : m + 1) minutes.push_back({on, m * 100});
-    }
-    return minutes;
+    return session_minutes(schedule_of(market, item), date);
   }
 
   // Prices at the minute marks of the day, from its open to its close inside
@@ -207,14 +210,17 @@ struct Series {
           t.low = Wire(low);
           t.pre_close = Wire(d.pre_close);
           uint64_t h = Hash(d.h, k * 20 + j);
+          int64_t bid = price, ask = price;
           for (int l = 0; l < 5; ++l) {
-            t.bid_price[l] = Wire(std::max(tick, price - l * tick));
-            t.ask_price[l] = Wire(price + (l + 1) * tick);
+            ask += item.tick_above(ask);
+            t.bid_price[l] = Wire(bid);
+            t.ask_price[l] = Wire(ask);
+            bid = std::max(item.tick_at(1), bid - item.tick_at(bid));
             t.bid_volume[l] = static_cast<int32_t>(((h >> (4 * l)) % 40) * lot + (l == 4 ? lot / 2 : 0));
             t.ask_volume[l] = static_cast<int32_t>(((h >> (4 * l + 20)) % 40 + 1) * lot);
           }
           if (futures) {
-            t.status = futures_phase(market, hhmmss);
+            t.status = phase_code(moment_at(schedule_of(market, item), minutes[k].first, hhmmss).phase);
             t.pre_settle = Wire(d.pre_close);
           }
           ticks.push_back(t);

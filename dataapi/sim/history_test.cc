@@ -95,14 +95,39 @@ TEST_F(SimHistoryTest, MinutesFollowEachMarketsSessions) {
   EXPECT_EQ(+bars[119].time, 112900);
   EXPECT_EQ(+bars[120].time, 130000);
 
+  // Silver's night session runs to 2:30 past midnight, on the evening before
+  // a trading day; none came before the first day after the Mid-Autumn
+  // holiday (Wednesday), which opens at 9:00.
   const Market& sq = *universe_.market(kSQ);
-  ASSERT_NE(sq.flag_a, 0);
-  const Instrument& future = sq.instruments.front();
-  // Friday's night session opens Wednesday's trading day (Monday and Tuesday are holidays).
-  auto night = Elements<ApiHisDataRsp, ApiHisBar>(Bars(kSQ, future.code, 7, 20240918, 20240918), 42);
-  ASSERT_EQ(night.size(), 120u + 225u);
-  EXPECT_EQ(+night.front().date * 1000000LL + night.front().time, 20240913210000);
-  EXPECT_EQ(+night[120].date * 1000000LL + night[120].time, 20240918090000);
+  const Instrument& silver = sq.instruments.front();
+  ASSERT_EQ(silver.code.rfind("ag", 0), 0u);
+  auto after_holiday = Elements<ApiHisDataRsp, ApiHisBar>(Bars(kSQ, silver.code, 7, 20240918, 20240918), 42);
+  ASSERT_EQ(after_holiday.size(), 225u);
+  EXPECT_EQ(+after_holiday.front().date * 1000000LL + after_holiday.front().time, 20240918090000);
+  auto night = Elements<ApiHisDataRsp, ApiHisBar>(Bars(kSQ, silver.code, 7, 20240920, 20240920), 42);
+  ASSERT_EQ(night.size(), 180u + 150u + 225u);
+  EXPECT_EQ(+night.front().date * 1000000LL + night.front().time, 20240919210000);
+  EXPECT_EQ(+night[180].date * 1000000LL + night[180].time, 20240920000000);
+  EXPECT_EQ(+night[329].time, 22900);
+  EXPECT_EQ(+night[330].time, 90000);
+
+  // Bond futures from 9:15 to 15:15; Hong Kong to 16:00 and its closing auction.
+  struct Day {
+    int market;
+    std::string code;
+    size_t minutes;
+    int32_t first;
+  };
+  const Market& zj = *universe_.market(kZJ);
+  std::string bond;
+  for (const Instrument& item : zj.instruments) {
+    if (item.code.rfind("T2", 0) == 0 && bond.empty()) bond = item.code;
+  }
+  for (const Day& day : {Day{kZJ, bond, 270, 91500}, Day{kHK, "00700", 340, 93000}}) {
+    auto bars = Elements<ApiHisDataRsp, ApiHisBar>(Bars(day.market, day.code, 7, 20240919, 20240919), 42);
+    ASSERT_EQ(bars.size(), day.minutes) << day.code;
+    EXPECT_EQ(+bars.front().time, day.first) << day.code;
+  }
 
   EXPECT_TRUE(Bars(kSH, share->code, 5, 20240919, 20240919).empty());  // no such K-line type
   EXPECT_TRUE(Bars(kSH, "999999", 1, 20240919, 20240919).empty());

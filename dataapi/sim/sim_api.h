@@ -48,9 +48,10 @@ class SimDataApi final : public CDataApi {
   // new interval. False outside 1 ms to an hour.
   bool set_stream_interval(int ms);
   bool set_push_interval(int ms);
-  // The streams' clock reads hhmmss now and runs on from there; a negative
-  // value returns it to the local clock. False for an invalid time.
-  bool set_time_of_day(int hhmmss);
+  // The streams' clock reads date (today for 0) and hhmmss now and runs on
+  // from there; a negative hhmmss returns it to the local clock. False for
+  // an invalid date or time.
+  bool set_clock(int date, int hhmmss);
   // How history answers go out from now on; delay_ms counts for kDelay only.
   // False for another fault or a delay outside 0 ms to an hour.
   bool set_history_fault(int fault, int delay_ms);
@@ -173,7 +174,7 @@ class SimDataApi final : public CDataApi {
   void schedule();
   int interval_ms(StreamKind kind) const;
   void retime(StreamKind kind);
-  Stamp stamp() const;
+  Stamp stamp();
   void build(const StreamKey& key, const Stamp& now, std::vector<Send>& sends);
   // The scheduler task; token tells the latest posted one from stale ones.
   void run_streams(uint64_t token);
@@ -190,6 +191,8 @@ class SimDataApi final : public CDataApi {
   int stream_interval_ms_ = kDefaultStreamIntervalMs;
   int push_interval_ms_ = kDefaultPushIntervalMs;
   int64_t clock_offset_ms_ = 0;
+  int64_t clock_steps_ = 0;  // steps of the walks' clock so far
+  int64_t step_at_ms_ = 0;   // when the clock took its latest step, 0 before the first
   HistoryFault history_fault_ = HistoryFault::kNone;
   int history_delay_ms_ = 0;
   uint64_t tick_token_ = 0;

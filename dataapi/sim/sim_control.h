@@ -41,12 +41,28 @@ DATAAPI_API void SimSetSeed(unsigned seed);
 DATAAPI_API int SimSetStreamInterval(int ms);
 DATAAPI_API int SimSetPushInterval(int ms);
 
-// The clock that stamps the streams' records reads hhmmss (local time of
-// day) now and runs on from there, so that a host sees the market at that
-// hour (a STAR share's after-hours trading from 15:00:01 to 15:30:05, a
-// futures market's session phase). A negative value returns the clock to
-// the local time. Returns -1 for an invalid time, else 0.
+// The simulator's clock, which stamps the streams' records and decides what
+// trades: each product trades in its own sessions (the opening and closing
+// auctions matching at their ends, night sessions on the evenings before a
+// trading day, STAR and ChiNext shares' after-hours trading from 15:05 to
+// 15:30), and nothing on a day its exchange is closed. The walks take one
+// step per stream interval of the clock, whatever is subscribed.
+//
+// SimSetTimeOfDay: the clock reads hhmmss (local time of day) of today now
+// and runs on from there; a negative value returns it to the local clock.
+// SimSetClock: the clock reads the local date yyyymmdd (0: the latest
+// trading day up to today) at hhmmss now and runs on. Each returns -1 for
+// an invalid date or time, else 0.
 DATAAPI_API int SimSetTimeOfDay(int hhmmss);
+DATAAPI_API int SimSetClock(int yyyymmdd, int hhmmss);
+
+// 1 when some product of the markets trades continuously at the local
+// moment yyyymmdd hhmmss, else 0.
+DATAAPI_API int SimMarketsTrading(int yyyymmdd, int hhmmss);
+
+// The latest trading day of the Shanghai and Shenzhen exchanges on or
+// before yyyymmdd.
+DATAAPI_API int SimLastTradingDay(int yyyymmdd);
 
 // How the service answers financial requests of one kind, named by its bit
 // value (1 balance sheet, 2 income, 4 cash flow, 8 per-share indicators,

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "dataapi/sim/calendar.h"
+#include "dataapi/sim/sessions.h"
 #include "dataapi/sim/sim_api.h"
 #include "dataapi/sim/sim_control.h"
 #include "utils/utils.h"
@@ -127,11 +129,22 @@ void SimDataApi::retime(StreamKind kind) {
   schedule();
 }
 
-Stamp SimDataApi::stamp() const {
-  int64_t ms = NowMs() + clock_offset_ms_;
+Stamp SimDataApi::stamp() {
+  int64_t real = NowMs();
+  // The clock steps once per stream interval, whatever reads it.
+  if (step_at_ms_ == 0) step_at_ms_ = real;
+  int64_t due = (real - step_at_ms_) / stream_interval_ms_;
+  if (due > 0) {
+    clock_steps_ += due;
+    step_at_ms_ += due * stream_interval_ms_;
+  }
+  int64_t ms = real + clock_offset_ms_;
+  int64_t time = utils::millisecondsToTime(ms);
   Stamp stamp;
-  stamp.hhmmss = static_cast<int32_t>(utils::millisecondsToTime(ms) % 1000000);
+  stamp.date = static_cast<int32_t>(time / 1000000);
+  stamp.hhmmss = static_cast<int32_t>(time % 1000000);
   stamp.millis = static_cast<int32_t>((ms % 1000 + 1000) % 1000);
+  stamp.step = clock_steps_;
   return stamp;
 }
 
@@ -208,13 +221,14 @@ bool SimDataApi::set_push_interval(int ms) {
   return true;
 }
 
-bool SimDataApi::set_time_of_day(int hhmmss) {
+bool SimDataApi::set_clock(int date, int hhmmss) {
   if (hhmmss >= 0 && (hhmmss > 235959 || hhmmss / 100 % 100 > 59 || hhmmss % 100 > 59)) return false;
+  if (date != 0 && (date < 19900101 || date > 20991231 || add_days(date, 0) != date)) return false;
   int64_t offset = 0;
   if (hhmmss >= 0) {
     int64_t now = NowMs();
-    auto today = static_cast<int>(utils::millisecondsToTime(now) / 1000000);
-    offset = utils::timeToMilliseconds(today, hhmmss) - now;
+    int day = date != 0 ? date : static_cast<int>(utils::millisecondsToTime(now) / 1000000);
+    offset = utils::timeToMilliseconds(day, hhmmss) - now;
   }
   std::lock_guard<std::mutex> lock(mu_);
   clock_offset_ms_ = offset;
@@ -227,4 +241,14 @@ int SimSetStreamInterval(int ms) { return sim::SimDataApi::instance().set_stream
 
 int SimSetPushInterval(int ms) { return sim::SimDataApi::instance().set_push_interval(ms) ? 0 : -1; }
 
-int SimSetTimeOfDay(int hhmmss) { return sim::SimDataApi::instance().set_time_of_day(hhmmss) ? 0 : -1; }
+int SimSetTimeOfDay(int hhmmss) { return sim::SimDataApi::instance().set_clock(0, hhmmss) ? 0 : -1; }
+
+int SimSetClock(int yyyymmdd, int hhmmss) {
+  if (yyyymmdd < 0 || hhmmss < 0) return -1;
+  if (yyyymmdd == 0) yyyymmdd = sim::trading_day_on_or_before(sim::local_today());
+  return sim::SimDataApi::instance().set_clock(yyyymmdd, hhmmss) ? 0 : -1;
+}
+
+int SimMarketsTrading(int yyyymmdd, int hhmmss) { return sim::any_market_trading(yyyymmdd, hhmmss) ? 1 : 0; }
+
+int SimLastTradingDay(int yyyymmdd) { return sim::trading_day_on_or_before(yyyymmdd); }

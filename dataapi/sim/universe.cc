@@ -3,9 +3,11 @@
 #include "dataapi/sim/universe.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <random>
 #include <set>
+#include <utility>
 
 #include "dataapi/sim/calendar.h"
 
@@ -159,7 +161,8 @@ const char* const kIndexThemes[] = {
     "创新", "科技", "周期", "质量", "低波", "动量", "等权", "大宗",
 };
 const char* const kHKTags[] = {"－Ｗ", "－ＳＷ", "－Ｓ", "－Ｂ"};
-const char* const kHKForms[] = {"控股有限公司", "集团有限公司", "国际控股有限公司", "集团控股有限公司"};
+// Short names of Hong Kong shares end in a form now and then.
+const char* const kHKForms[] = {"控股", "集团", "国际", "集团控股"};
 
 // Names handed out in one market, each once.
 class Names {
@@ -222,6 +225,13 @@ void SetLimits(Instrument& item, int limit_pm) {
   int64_t down = (item.pre_close_units * (1000 - limit_pm) + 500) / 1000;
   item.upper_units = FloorToTick(up, item.tick_units);
   item.lower_units = std::max(item.tick_units, CeilToTick(down, item.tick_units));
+}
+
+// Funds on STAR or ChiNext indices move 20% a day, the others 10%.
+int FundLimit(const Instrument& item) {
+  bool growth = item.code.rfind("588", 0) == 0 || item.name.find("创业板") != std::string::npos ||
+                item.name.find("科创") != std::string::npos;
+  return growth ? 200 : 100;
 }
 
 // Earnings per share to four decimals: a loss now and then, else an
@@ -352,9 +362,6 @@ void MarketBuilder::famous_stocks(const std::vector<Famous>& list) {
       type = kTypeChiNextStock;
       board = kBoardChiNext;
       limit_pm = 200;
-    } else if (code.rfind("002", 0) == 0 || code.rfind("003", 0) == 0) {
-      type = kTypeSmeStock;
-      board = kBoardSme;
     }
     Instrument item = base(code, f.name, type, 2);
     item.board = board;
@@ -420,7 +427,7 @@ void MarketBuilder::funds(const std::vector<Span>& spans, int64_t count, const s
     item.pre_close_units = rng_.skewed(400, 6000, 2);
     item.margin = rng_.chance(300);
     item.short_sell = item.margin;
-    SetLimits(item, 100);
+    SetLimits(item, FundLimit(item));
     table_[code] = std::move(item);
   }
   for (const Famous& f : famous) {
@@ -430,7 +437,7 @@ void MarketBuilder::funds(const std::vector<Span>& spans, int64_t count, const s
     item.list_date = static_cast<uint32_t>(f.list_date);
     item.pre_close_units = f.price_units * rng_.range(950, 1050) / 1000;
     item.margin = item.short_sell = true;
-    SetLimits(item, 100);
+    SetLimits(item, FundLimit(item));
     table_[f.code] = std::move(item);
   }
 }
@@ -490,6 +497,7 @@ void MarketBuilder::options(int64_t first_code, const std::vector<Famous>& under
           Instrument item = base(std::to_string(code++), name, kTypeEtfOption, 4);
           item.board = kBoardOption;
           item.volume_unit = 1;
+          item.multiplier = 10000;  // fund units per contract
           item.list_date = static_cast<uint32_t>(listed);
           // Premium in 0.0001: intrinsic value and a time value that fades
           // with the distance from the money.
@@ -523,6 +531,7 @@ struct Product {
   uint16_t main_months; // months whose contract becomes the main one
   int kind;             // 0 commodity, 1 equity index, 2 treasury bond
   int32_t launch;
+  int64_t multiplier;   // contract size: units of the price per lot
 };
 
 constexpr uint16_t kAll = 0xFFF;
@@ -533,72 +542,72 @@ constexpr uint16_t kMain159 = (1 << 0) | (1 << 4) | (1 << 8);
 constexpr uint16_t kMain1510 = (1 << 0) | (1 << 4) | (1 << 9);
 
 const Product kProducts[] = {
-    {kSQ, "cu", "沪铜", "沪铜", 0, 10, 78000, 80, kAll, kAll, 0, 19931001},
-    {kSQ, "al", "沪铝", "沪铝", 0, 5, 20500, 70, kAll, kAll, 0, 19950417},
-    {kSQ, "zn", "沪锌", "沪锌", 0, 5, 22500, 80, kAll, kAll, 0, 20070326},
-    {kSQ, "pb", "沪铅", "沪铅", 0, 5, 17000, 80, kAll, kAll, 0, 20110324},
-    {kSQ, "ni", "沪镍", "沪镍", 0, 10, 125000, 100, kAll, kAll, 0, 20150327},
-    {kSQ, "sn", "沪锡", "沪锡", 0, 10, 260000, 100, kAll, kAll, 0, 20150327},
-    {kSQ, "au", "沪金", "沪金", 2, 2, 90000, 100, kAll, kEven, 0, 20080109},
-    {kSQ, "ag", "沪银", "沪银", 0, 1, 9800, 100, kAll, kEven, 0, 20120510},
-    {kSQ, "rb", "螺纹钢", "螺纹", 0, 1, 3200, 70, kAll, kMain1510, 0, 20090327},
-    {kSQ, "hc", "热轧卷板", "热卷", 0, 1, 3350, 70, kAll, kMain1510, 0, 20140321},
-    {kSQ, "ss", "不锈钢", "不锈", 0, 5, 13000, 70, kAll, kAll, 0, 20190925},
-    {kSQ, "fu", "燃料油", "燃油", 0, 1, 3000, 100, kAll, kMain159, 0, 20040825},
-    {kSQ, "bu", "石油沥青", "沥青", 0, 1, 3500, 80, kAll, kMain159, 0, 20131009},
-    {kSQ, "ru", "天然橡胶", "橡胶", 0, 5, 15500, 80, kAll & ~(1 << 1) & ~(1 << 11), kMain159, 0, 19930101},
-    {kSQ, "sp", "纸浆", "纸浆", 0, 2, 5600, 80, kAll, kMain159, 0, 20181127},
-    {kSQ, "ao", "氧化铝", "氧化铝", 0, 1, 3200, 90, kAll, kAll, 0, 20230619},
-    {kSQ, "br", "丁二烯橡胶", "BR橡胶", 0, 5, 12500, 90, kAll, kAll, 0, 20230728},
-    {kSN, "sc", "原油", "原油", 1, 1, 5500, 100, kAll, kAll, 0, 20180326},
-    {kSN, "lu", "低硫燃料油", "低硫", 0, 1, 3800, 100, kAll, kMain159, 0, 20200622},
-    {kSN, "nr", "20号胶", "20胶", 0, 5, 12800, 80, kAll, kMain159, 0, 20190812},
-    {kSN, "bc", "国际铜", "国际铜", 0, 10, 70000, 80, kAll, kAll, 0, 20201119},
-    {kSN, "ec", "集运欧线", "欧线", 1, 1, 18000, 180, kEven, kEven, 0, 20230818},
-    {kDL, "a", "豆一", "豆一", 0, 1, 4100, 70, kOdd, kMain159, 0, 20020315},
-    {kDL, "b", "豆二", "豆二", 0, 1, 3700, 70, kAll, kMain159, 0, 20041222},
-    {kDL, "m", "豆粕", "豆粕", 0, 1, 2900, 70, kSoy, kMain159, 0, 20000717},
-    {kDL, "y", "豆油", "豆油", 0, 2, 8000, 70, kSoy, kMain159, 0, 20060109},
-    {kDL, "p", "棕榈油", "棕榈", 0, 2, 8800, 80, kAll, kMain159, 0, 20071029},
-    {kDL, "c", "玉米", "玉米", 0, 1, 2250, 70, kOdd, kMain159, 0, 20040922},
-    {kDL, "cs", "玉米淀粉", "淀粉", 0, 1, 2600, 70, kOdd, kMain159, 0, 20141219},
-    {kDL, "jd", "鸡蛋", "鸡蛋", 0, 1, 3500, 80, kAll, kMain159, 0, 20131108},
-    {kDL, "l", "聚乙烯", "塑料", 0, 1, 7300, 70, kAll, kMain159, 0, 20070731},
-    {kDL, "v", "聚氯乙烯", "PVC", 0, 1, 5000, 70, kAll, kMain159, 0, 20090525},
-    {kDL, "pp", "聚丙烯", "PP", 0, 1, 7100, 70, kAll, kMain159, 0, 20140228},
-    {kDL, "eg", "乙二醇", "乙二醇", 0, 1, 4400, 70, kAll, kMain159, 0, 20181210},
-    {kDL, "eb", "苯乙烯", "苯乙烯", 0, 1, 7500, 80, kAll, kAll, 0, 20190926},
-    {kDL, "pg", "液化石油气", "LPG", 0, 1, 4500, 80, kAll, kAll, 0, 20200330},
-    {kDL, "i", "铁矿石", "铁矿", 1, 5, 7800, 110, kAll, kMain159, 0, 20131018},
-    {kDL, "j", "焦炭", "焦炭", 1, 5, 19000, 110, kAll, kMain159, 0, 20110415},
-    {kDL, "jm", "焦煤", "焦煤", 1, 5, 12000, 110, kAll, kMain159, 0, 20130322},
-    {kDL, "lh", "生猪", "生猪", 0, 5, 13500, 80, kOdd, kMain159, 0, 20210108},
-    {kZZ, "SR", "白糖", "白糖", 0, 1, 5600, 70, kOdd, kMain159, 0, 20060106},
-    {kZZ, "CF", "棉花", "郑棉", 0, 5, 13800, 70, kOdd, kMain159, 0, 20040601},
-    {kZZ, "TA", "PTA", "PTA", 0, 2, 4800, 70, kAll, kMain159, 0, 20061218},
-    {kZZ, "MA", "甲醇", "甲醇", 0, 1, 2500, 80, kAll, kMain159, 0, 20111028},
-    {kZZ, "RM", "菜粕", "菜粕", 0, 1, 2400, 70, kOdd | (1 << 7), kMain159, 0, 20121228},
-    {kZZ, "OI", "菜油", "菜油", 0, 1, 9200, 70, kOdd, kMain159, 0, 20070608},
-    {kZZ, "FG", "玻璃", "玻璃", 0, 1, 1200, 80, kAll, kMain159, 0, 20121203},
-    {kZZ, "SA", "纯碱", "纯碱", 0, 1, 1400, 80, kAll, kMain159, 0, 20191206},
-    {kZZ, "UR", "尿素", "尿素", 0, 1, 1800, 70, kAll, kMain159, 0, 20190809},
+    {kSQ, "cu", "沪铜", "沪铜", 0, 10, 78000, 80, kAll, kAll, 0, 19931001, 5},
+    {kSQ, "al", "沪铝", "沪铝", 0, 5, 20500, 70, kAll, kAll, 0, 19950417, 5},
+    {kSQ, "zn", "沪锌", "沪锌", 0, 5, 22500, 80, kAll, kAll, 0, 20070326, 5},
+    {kSQ, "pb", "沪铅", "沪铅", 0, 5, 17000, 80, kAll, kAll, 0, 20110324, 5},
+    {kSQ, "ni", "沪镍", "沪镍", 0, 10, 125000, 100, kAll, kAll, 0, 20150327, 1},
+    {kSQ, "sn", "沪锡", "沪锡", 0, 10, 260000, 100, kAll, kAll, 0, 20150327, 1},
+    {kSQ, "au", "沪金", "沪金", 2, 2, 90000, 100, kAll, kEven, 0, 20080109, 1000},
+    {kSQ, "ag", "沪银", "沪银", 0, 1, 9800, 100, kAll, kEven, 0, 20120510, 15},
+    {kSQ, "rb", "螺纹钢", "螺纹", 0, 1, 3200, 70, kAll, kMain1510, 0, 20090327, 10},
+    {kSQ, "hc", "热轧卷板", "热卷", 0, 1, 3350, 70, kAll, kMain1510, 0, 20140321, 10},
+    {kSQ, "ss", "不锈钢", "不锈", 0, 5, 13000, 70, kAll, kAll, 0, 20190925, 5},
+    {kSQ, "fu", "燃料油", "燃油", 0, 1, 3000, 100, kAll, kMain159, 0, 20040825, 10},
+    {kSQ, "bu", "石油沥青", "沥青", 0, 1, 3500, 80, kAll, kMain159, 0, 20131009, 10},
+    {kSQ, "ru", "天然橡胶", "橡胶", 0, 5, 15500, 80, kAll & ~(1 << 1) & ~(1 << 11), kMain159, 0, 19930101, 10},
+    {kSQ, "sp", "纸浆", "纸浆", 0, 2, 5600, 80, kAll, kMain159, 0, 20181127, 10},
+    {kSQ, "ao", "氧化铝", "氧化铝", 0, 1, 3200, 90, kAll, kAll, 0, 20230619, 20},
+    {kSQ, "br", "丁二烯橡胶", "BR橡胶", 0, 5, 12500, 90, kAll, kAll, 0, 20230728, 5},
+    {kSN, "sc", "原油", "原油", 1, 1, 5500, 100, kAll, kAll, 0, 20180326, 1000},
+    {kSN, "lu", "低硫燃料油", "低硫", 0, 1, 3800, 100, kAll, kMain159, 0, 20200622, 10},
+    {kSN, "nr", "20号胶", "20胶", 0, 5, 12800, 80, kAll, kMain159, 0, 20190812, 10},
+    {kSN, "bc", "国际铜", "国际铜", 0, 10, 70000, 80, kAll, kAll, 0, 20201119, 5},
+    {kSN, "ec", "集运欧线", "欧线", 1, 1, 18000, 180, kEven, kEven, 0, 20230818, 50},
+    {kDL, "a", "豆一", "豆一", 0, 1, 4100, 70, kOdd, kMain159, 0, 20020315, 10},
+    {kDL, "b", "豆二", "豆二", 0, 1, 3700, 70, kAll, kMain159, 0, 20041222, 10},
+    {kDL, "m", "豆粕", "豆粕", 0, 1, 2900, 70, kSoy, kMain159, 0, 20000717, 10},
+    {kDL, "y", "豆油", "豆油", 0, 2, 8000, 70, kSoy, kMain159, 0, 20060109, 10},
+    {kDL, "p", "棕榈油", "棕榈", 0, 2, 8800, 80, kAll, kMain159, 0, 20071029, 10},
+    {kDL, "c", "玉米", "玉米", 0, 1, 2250, 70, kOdd, kMain159, 0, 20040922, 10},
+    {kDL, "cs", "玉米淀粉", "淀粉", 0, 1, 2600, 70, kOdd, kMain159, 0, 20141219, 10},
+    {kDL, "jd", "鸡蛋", "鸡蛋", 0, 1, 3500, 80, kAll, kMain159, 0, 20131108, 10},
+    {kDL, "l", "聚乙烯", "塑料", 0, 1, 7300, 70, kAll, kMain159, 0, 20070731, 5},
+    {kDL, "v", "聚氯乙烯", "PVC", 0, 1, 5000, 70, kAll, kMain159, 0, 20090525, 5},
+    {kDL, "pp", "聚丙烯", "PP", 0, 1, 7100, 70, kAll, kMain159, 0, 20140228, 5},
+    {kDL, "eg", "乙二醇", "乙二醇", 0, 1, 4400, 70, kAll, kMain159, 0, 20181210, 10},
+    {kDL, "eb", "苯乙烯", "苯乙烯", 0, 1, 7500, 80, kAll, kAll, 0, 20190926, 5},
+    {kDL, "pg", "液化石油气", "LPG", 0, 1, 4500, 80, kAll, kAll, 0, 20200330, 20},
+    {kDL, "i", "铁矿石", "铁矿", 1, 5, 7800, 110, kAll, kMain159, 0, 20131018, 100},
+    {kDL, "j", "焦炭", "焦炭", 1, 5, 19000, 110, kAll, kMain159, 0, 20110415, 100},
+    {kDL, "jm", "焦煤", "焦煤", 1, 5, 12000, 110, kAll, kMain159, 0, 20130322, 60},
+    {kDL, "lh", "生猪", "生猪", 0, 5, 13500, 80, kOdd, kMain159, 0, 20210108, 16},
+    {kZZ, "SR", "白糖", "白糖", 0, 1, 5600, 70, kOdd, kMain159, 0, 20060106, 10},
+    {kZZ, "CF", "棉花", "郑棉", 0, 5, 13800, 70, kOdd, kMain159, 0, 20040601, 5},
+    {kZZ, "TA", "PTA", "PTA", 0, 2, 4800, 70, kAll, kMain159, 0, 20061218, 5},
+    {kZZ, "MA", "甲醇", "甲醇", 0, 1, 2500, 80, kAll, kMain159, 0, 20111028, 10},
+    {kZZ, "RM", "菜粕", "菜粕", 0, 1, 2400, 70, kOdd | (1 << 7), kMain159, 0, 20121228, 10},
+    {kZZ, "OI", "菜油", "菜油", 0, 1, 9200, 70, kOdd, kMain159, 0, 20070608, 10},
+    {kZZ, "FG", "玻璃", "玻璃", 0, 1, 1200, 80, kAll, kMain159, 0, 20121203, 20},
+    {kZZ, "SA", "纯碱", "纯碱", 0, 1, 1400, 80, kAll, kMain159, 0, 20191206, 20},
+    {kZZ, "UR", "尿素", "尿素", 0, 1, 1800, 70, kAll, kMain159, 0, 20190809, 20},
     {kZZ, "AP", "苹果", "苹果", 0, 1, 7800, 80, (1 << 0) | (1 << 2) | (1 << 3) | (1 << 4) | (1 << 9) | (1 << 10) | (1 << 11),
-     (1 << 0) | (1 << 4) | (1 << 9), 0, 20171222},
-    {kZZ, "CJ", "红枣", "红枣", 0, 5, 10500, 80, kOdd | (1 << 11), kMain159, 0, 20190430},
-    {kZZ, "SF", "硅铁", "硅铁", 0, 2, 5800, 80, kAll, kMain159, 0, 20140808},
-    {kZZ, "SM", "锰硅", "锰硅", 0, 2, 6000, 80, kAll, kMain159, 0, 20140808},
+     (1 << 0) | (1 << 4) | (1 << 9), 0, 20171222, 10},
+    {kZZ, "CJ", "红枣", "红枣", 0, 5, 10500, 80, kOdd | (1 << 11), kMain159, 0, 20190430, 5},
+    {kZZ, "SF", "硅铁", "硅铁", 0, 2, 5800, 80, kAll, kMain159, 0, 20140808, 5},
+    {kZZ, "SM", "锰硅", "锰硅", 0, 2, 6000, 80, kAll, kMain159, 0, 20140808, 5},
     {kZZ, "PK", "花生", "花生", 0, 2, 8500, 70, (1 << 0) | (1 << 2) | (1 << 3) | (1 << 9) | (1 << 10) | (1 << 11),
-     (1 << 0) | (1 << 3) | (1 << 9), 0, 20210201},
-    {kZZ, "SH", "烧碱", "烧碱", 0, 1, 2500, 80, kAll, kMain159, 0, 20230915},
-    {kZZ, "PX", "对二甲苯", "PX", 0, 2, 6800, 80, kAll, kMain159, 0, 20230915},
-    {kZJ, "IF", "沪深300股指", "沪深", 1, 2, 46000, 100, kAll, kAll, 1, 20100416},
-    {kZJ, "IH", "上证50股指", "上证", 1, 2, 30000, 100, kAll, kAll, 1, 20150416},
-    {kZJ, "IC", "中证500股指", "中证", 1, 2, 72000, 100, kAll, kAll, 1, 20150416},
-    {kZJ, "IM", "中证1000股指", "中千", 1, 2, 75000, 100, kAll, kAll, 1, 20220722},
-    {kZJ, "T", "十年国债", "十债", 3, 5, 108500, 20, 0x924, 0x924, 2, 20150320},
-    {kZJ, "TF", "五年国债", "五债", 3, 5, 106000, 12, 0x924, 0x924, 2, 20130906},
-    {kZJ, "TS", "二年国债", "二债", 3, 2, 102500, 5, 0x924, 0x924, 2, 20180817},
-    {kZJ, "TL", "三十年国债", "三十债", 2, 1, 11800, 35, 0x924, 0x924, 2, 20230421},
+     (1 << 0) | (1 << 3) | (1 << 9), 0, 20210201, 5},
+    {kZZ, "SH", "烧碱", "烧碱", 0, 1, 2500, 80, kAll, kMain159, 0, 20230915, 30},
+    {kZZ, "PX", "对二甲苯", "PX", 0, 2, 6800, 80, kAll, kMain159, 0, 20230915, 5},
+    {kZJ, "IF", "沪深300股指", "沪深", 1, 2, 46000, 100, kAll, kAll, 1, 20100416, 300},
+    {kZJ, "IH", "上证50股指", "上证", 1, 2, 30000, 100, kAll, kAll, 1, 20150416, 300},
+    {kZJ, "IC", "中证500股指", "中证", 1, 2, 72000, 100, kAll, kAll, 1, 20150416, 200},
+    {kZJ, "IM", "中证1000股指", "中千", 1, 2, 75000, 100, kAll, kAll, 1, 20220722, 200},
+    {kZJ, "T", "十年国债", "十债", 3, 5, 108500, 20, 0x924, 0x924, 2, 20150320, 10000},
+    {kZJ, "TF", "五年国债", "五债", 3, 5, 106000, 12, 0x924, 0x924, 2, 20130906, 10000},
+    {kZJ, "TS", "二年国债", "二债", 3, 2, 102500, 5, 0x924, 0x924, 2, 20180817, 20000},
+    {kZJ, "TL", "三十年国债", "三十债", 2, 1, 11800, 35, 0x924, 0x924, 2, 20230421, 10000},
 };
 
 bool HasMonth(uint16_t months, int32_t yyyymm) { return (months >> (yyyymm % 100 - 1)) & 1; }
@@ -653,6 +662,7 @@ void MarketBuilder::futures(uint8_t market_id) {
       Instrument item = base(code, std::string(product.name) + digits, kTypeFuture, product.digits);
       item.tick_units = product.tick_units;
       item.volume_unit = 1;
+      item.multiplier = product.multiplier;
       int ahead = MonthsBetween(month_, month);
       int horizon = product.kind == 0 ? 12 : product.kind == 1 ? 8 : 9;
       item.list_date = static_cast<uint32_t>(
@@ -698,17 +708,25 @@ void MarketBuilder::futures(uint8_t market_id) {
 
 // ---- Hong Kong connect ---------------------------------------------------------
 
-const Famous kHKStocks[] = {
-    {"00001", "长和", 40000, 19720731},         {"00005", "汇丰控股", 95000, 19910102},
-    {"00388", "香港交易所", 380000, 20000627},  {"00700", "腾讯控股", 600000, 20040616},
-    {"00883", "中国海洋石油", 20000, 20010228}, {"00939", "建设银行", 7000, 20051027},
-    {"00941", "中国移动", 85000, 19971023},     {"01024", "快手－Ｗ", 65000, 20210205},
-    {"01211", "比亚迪股份", 100000, 20020731},  {"01299", "友邦保险", 75000, 20101029},
-    {"01398", "工商银行", 6000, 20061027},      {"01810", "小米集团－Ｗ", 45000, 20180709},
-    {"02020", "安踏体育", 90000, 20070710},     {"02318", "中国平安", 55000, 20040624},
-    {"03690", "美团－Ｗ", 110000, 20180920},    {"06862", "海底捞", 15000, 20180926},
-    {"09618", "京东集团－ＳＷ", 130000, 20200618}, {"09888", "百度集团－ＳＷ", 110000, 20210323},
-    {"09988", "阿里巴巴－ＳＷ", 150000, 20191126}, {"09999", "网易－Ｓ", 200000, 20200611},
+struct HKShare {
+  const char* code;
+  const char* name;  // the short name
+  int64_t price_units;
+  int32_t list_date;
+  uint16_t lot;  // board lot
+};
+
+const HKShare kHKStocks[] = {
+    {"00001", "长和", 40000, 19720731, 500},          {"00005", "汇丰控股", 95000, 19910102, 400},
+    {"00388", "香港交易所", 380000, 20000627, 100},   {"00700", "腾讯控股", 600000, 20040616, 100},
+    {"00883", "中国海洋石油", 20000, 20010228, 1000}, {"00939", "建设银行", 7000, 20051027, 1000},
+    {"00941", "中国移动", 85000, 19971023, 500},      {"01024", "快手－Ｗ", 65000, 20210205, 100},
+    {"01211", "比亚迪股份", 100000, 20020731, 500},   {"01299", "友邦保险", 75000, 20101029, 200},
+    {"01398", "工商银行", 6000, 20061027, 1000},      {"01810", "小米集团－Ｗ", 45000, 20180709, 200},
+    {"02020", "安踏体育", 90000, 20070710, 200},      {"02318", "中国平安", 55000, 20040624, 500},
+    {"03690", "美团－Ｗ", 110000, 20180920, 100},     {"06862", "海底捞", 15000, 20180926, 1000},
+    {"09618", "京东集团－ＳＷ", 130000, 20200618, 50}, {"09888", "百度集团－ＳＷ", 110000, 20210323, 50},
+    {"09988", "阿里巴巴－ＳＷ", 150000, 20191126, 100}, {"09999", "网易－Ｓ", 200000, 20200611, 100},
 };
 
 // Hang Seng indices; codes beyond five characters, names up to the field's
@@ -731,44 +749,48 @@ const Famous kHKIndices[] = {
     {"HSHKSOE", "恒生沪深港通H股大型国有企业综合指数", 280000, 20220321},
 };
 
-const int kBoardLots[] = {100, 200, 250, 400, 500, 500, 1000, 1000, 2000, 4000};
+// Board lots, each a stock's own for good: the exchange leaves the choice to
+// the issuer, mostly so that a lot costs some thousands of dollars.
+const uint16_t kBoardLots[] = {50, 100, 200, 250, 400, 500, 1000, 2000, 2500, 4000, 5000, 10000, 20000};
+
+uint16_t BoardLot(const std::string& code, int64_t price_units) {
+  uint64_t h = Mix(0x484B4C4F54ULL, std::stoull(code));
+  // The smallest lot worth HKD 2,000 (price in 0.001), then up to two larger.
+  size_t first = 0;
+  while (first + 1 < std::size(kBoardLots) && price_units * kBoardLots[first] < 2000 * 1000) ++first;
+  return kBoardLots[std::min(first + h % 3, std::size(kBoardLots) - 1)];
+}
 
 void MarketBuilder::hong_kong() {
   std::set<std::string> famous;
-  for (const Famous& f : kHKStocks) {
+  for (const HKShare& f : kHKStocks) {
     famous.insert(f.code);
     names_.claim(f.name);
   }
   for (int64_t value : Sample(rng_, {{1, 3999}, {6000, 6999}, {9600, 9999}}, 540)) {
     std::string code = Padded(value, 5);
     if (famous.count(code) != 0) continue;
-    // Connect shares go by their registered names, often long; the longest
-    // do not fit the name field.
+    // Short names as the exchange lists them: a brand and a trade, now and
+    // then a form and a mark of weighted votes or a secondary listing.
     std::string name = names_.company();
-    int form = static_cast<int>(rng_.below(10));
-    if (form >= 8) {
-      std::string trade = name.substr(4);
-      name = name.substr(0, 4) + rng_.pick(kPrefixes) + trade + (form == 9 ? "发展" : "") + rng_.pick(kHKForms);
-    } else if (form >= 5) {
-      name += rng_.pick(kHKForms);
-    } else if (form >= 3) {
-      name += "控股";
-    }
+    if (rng_.chance(300)) name += rng_.pick(kHKForms);
     if (rng_.chance(150)) name += rng_.pick(kHKTags);
     Instrument item = base(code, name, kTypeHKStock, 3);
-    item.volume_unit = static_cast<uint16_t>(rng_.pick(kBoardLots));
     item.list_date = static_cast<uint32_t>(
         ListingDay(DateBetween(19860402, trade_date_, rng_.range(0, 1000), 1000), 19860402, trade_date_));
-    item.pre_close_units = rng_.skewed(150, 600000, 4);
+    item.pre_close_units = item.snap(rng_.skewed(150, 600000, 4));
+    item.tick_units = item.tick_at(item.pre_close_units);
+    item.volume_unit = BoardLot(code, item.pre_close_units);
     item.eps = Earnings(rng_, item.pre_close_units, 3);
     item.connect = true;
     table_[code] = std::move(item);
   }
-  for (const Famous& f : kHKStocks) {
+  for (const HKShare& f : kHKStocks) {
     Instrument item = base(f.code, f.name, kTypeHKStock, 3);
-    item.volume_unit = static_cast<uint16_t>(rng_.pick(kBoardLots));
+    item.volume_unit = f.lot;
     item.list_date = static_cast<uint32_t>(f.list_date);
-    item.pre_close_units = f.price_units * rng_.range(920, 1080) / 1000;
+    item.pre_close_units = item.snap(f.price_units * rng_.range(920, 1080) / 1000);
+    item.tick_units = item.tick_at(item.pre_close_units);
     item.eps = Earnings(rng_, item.pre_close_units, 3);
     item.connect = true;
     table_[f.code] = std::move(item);
@@ -867,9 +889,10 @@ Table MarketBuilder::build(uint8_t id) {
       claim(kSZStocks);
       claim(kSZIndices);
       claim(kSZFunds);
-      stocks({{{1, 999}, {1200, 1399}, {1600, 1999}}, 1480, kTypeMainStock, kBoardMain, 100, 19901201, 20251231,
+      // The SME board (002, 003) merged into the main board in 2021.
+      stocks({{{1, 999}, {1200, 1399}, {1600, 1999}}, 500, kTypeMainStock, kBoardMain, 100, 19901201, 20251231,
               200, 8000});
-      stocks({{{2001, 2999}, {3000, 3040}}, 1000, kTypeSmeStock, kBoardSme, 100, 20040625, 20211231, 200, 8000});
+      stocks({{{2001, 2999}, {3000, 3040}}, 1000, kTypeMainStock, kBoardMain, 100, 20040625, 20251231, 200, 8000});
       stocks({{{300001, 301600}}, 1350, kTypeChiNextStock, kBoardChiNext, 200, 20091030, 20261231, 300, 20000});
       new_listing("30");
       famous_stocks(kSZStocks);
@@ -916,7 +939,8 @@ void MovePrices(Market& market, Rng& rng) {
     if (item.type_code == kTypeContinuous) continue;
     int64_t before = item.pre_close_units;
     int64_t moved = before + before * rng.range(-30, 30) / 1000;
-    item.pre_close_units = std::max(item.tick_units, moved / item.tick_units * item.tick_units);
+    item.pre_close_units = item.snap(moved);
+    if (item.type_code == kTypeHKStock) item.tick_units = item.tick_at(item.pre_close_units);
     if (item.type_code == kTypeEtfOption) {
       // An option's band is a share of its fund's price, not of its own.
       int64_t band = item.upper_units - before;
@@ -967,6 +991,12 @@ void AddListing(Market& market, Rng& rng, uint32_t revision) {
   market.instruments.insert(at, std::move(item));
 }
 
+// The market's trading day on the local date today: the connect's own
+// calendar for Hong Kong.
+int32_t TradingDayOf(uint8_t id, int32_t today) {
+  return id == kHK ? connect_day_on_or_before(today) : trading_day_on_or_before(today);
+}
+
 Market BuildMarket(const MarketInfo& info, uint64_t seed, int32_t trade_date, uint32_t revision) {
   Market market;
   market.id = info.id;
@@ -998,7 +1028,7 @@ std::vector<HKRate> BuildRates(uint64_t seed, int32_t last) {
   Rng rng(Mix(seed, 0x484B52));
   int64_t mid = rng.range(9080, 9220);
   std::vector<HKRate> rates;
-  for (int32_t day : trading_days(Universe::kHKConnectStart, last)) {
+  for (int32_t day : connect_days(Universe::kHKConnectStart, last)) {
     mid += rng.range(-12, 12);
     mid = std::clamp<int64_t>(mid, 9030, 9270);
     int64_t spread = rng.range(25, 35);
@@ -1055,6 +1085,33 @@ std::vector<NewIssue> BuildIssues(uint64_t seed, int32_t trade_date) {
 
 double Instrument::scale() const { return static_cast<double>(Pow10(price_digits)); }
 
+// The Hong Kong spread table: upper end of each price band (included) and
+// its tick, in 0.001 HKD.
+constexpr std::pair<int64_t, int64_t> kSpreadTable[] = {
+    {250, 1},         {500, 5},          {10000, 10},        {20000, 20},         {100000, 50},  {200000, 100},
+    {500000, 200},    {1000000, 500},    {2000000, 1000},    {5000000, 2000},     {9995000, 5000},
+};
+
+int64_t Instrument::tick_at(int64_t units) const {
+  if (type_code != kTypeHKStock) return std::max<int64_t>(1, tick_units);
+  for (const auto& [upper, tick] : kSpreadTable) {
+    if (units <= upper) return tick;
+  }
+  return kSpreadTable[std::size(kSpreadTable) - 1].second;
+}
+
+int64_t Instrument::snap(int64_t units) const {
+  int64_t tick = tick_at(units);
+  return std::max(tick_at(1), units / tick * tick);
+}
+
+int64_t Instrument::min_order() const {
+  if (type_code == kTypeStarStock) return 200;
+  return volume_unit > 0 ? volume_unit : 1;
+}
+
+int64_t Instrument::order_step() const { return type_code == kTypeStarStock ? 1 : min_order(); }
+
 const char* market_name(int id) {
   for (const MarketInfo& info : kMarkets) {
     if (info.id == id) return info.name;
@@ -1064,9 +1121,9 @@ const char* market_name(int id) {
 
 Universe::Universe(uint64_t seed, int32_t today) : seed_(seed) {
   int32_t trade_date = trading_day_on_or_before(today);
-  for (const MarketInfo& info : kMarkets) markets_.push_back(BuildMarket(info, seed, trade_date, 0));
+  for (const MarketInfo& info : kMarkets) markets_.push_back(BuildMarket(info, seed, TradingDayOf(info.id, today), 0));
   new_issues_ = BuildIssues(seed, trade_date);
-  hk_rates_ = BuildRates(seed, trade_date);
+  hk_rates_ = BuildRates(seed, connect_day_on_or_before(today));
 }
 
 int32_t Universe::trade_date() const {
@@ -1089,7 +1146,7 @@ bool Universe::change_market(int id, int32_t today) {
     for (const MarketInfo& i : kMarkets) {
       if (i.id == id) info = &i;
     }
-    int32_t trade_date = std::max(market.trade_date, trading_day_on_or_before(today));
+    int32_t trade_date = std::max(market.trade_date, TradingDayOf(market.id, today));
     market = BuildMarket(*info, seed_, trade_date, market.revision + 1);
     ++version_;
     if (trade_date > (hk_rates_.empty() ? 0 : hk_rates_.back().date)) hk_rates_ = BuildRates(seed_, trade_date);

@@ -29,7 +29,7 @@ enum MarketId : uint8_t {
 enum TypeCode : uint16_t {
   kTypeIndex = 0x0101,
   kTypeMainStock = 0x0201,
-  kTypeSmeStock = 0x0202,
+  kTypeSmeStock = 0x0202,  // none since the SME board merged into the main board
   kTypeChiNextStock = 0x0203,
   kTypeStarStock = 0x021B,  // 539: STAR shares, with after-hours fixed-price trading
   kTypeEtf = 0x0301,
@@ -49,7 +49,7 @@ constexpr uint8_t kFlagSuspended = 4;
 // Boards of the other-base record.
 enum Board : uint8_t {
   kBoardMain = 0,
-  kBoardSme = 1,
+  kBoardSme = 1,  // none since the merger
   kBoardChiNext = 2,
   kBoardStar = 3,
   kBoardOption = 4,
@@ -63,11 +63,16 @@ struct Instrument {
   uint16_t type_code = 0;
   uint8_t price_digits = 2;
   uint8_t code_flag = 0;
-  uint16_t volume_unit = 1;  // 0 means 1
+  uint16_t volume_unit = 1;  // 0 means 1; a Hong Kong share's board lot
   uint32_t list_date = 0;
   double eps = 0;
-  // Prices in units of 10^-price_digits, exact whatever the tick.
+  // Prices in units of 10^-price_digits, exact whatever the tick. A Hong
+  // Kong share's tick follows the spread table by price (tick_at); its
+  // tick_units is the tick at the reference close.
   int64_t tick_units = 1;
+  // Turnover of a price and a volume: price x volume x multiplier (a
+  // contract's size; 1 for shares, funds and bonds).
+  int64_t multiplier = 1;
   int64_t pre_close_units = 0;
   int64_t upper_units = 0;  // both 0: no price limit
   int64_t lower_units = 0;
@@ -88,6 +93,15 @@ struct Instrument {
   double upper_limit() const { return static_cast<double>(upper_units) / scale(); }
   double lower_limit() const { return static_cast<double>(lower_units) / scale(); }
   bool is_stock() const { return (type_code >> 8) == 2; }
+  // The tick below a price on the grid (its band's), the tick above it, and
+  // a price floored to the grid.
+  int64_t tick_at(int64_t units) const;
+  int64_t tick_above(int64_t units) const { return tick_at(units + 1); }
+  int64_t snap(int64_t units) const;
+  bool on_grid(int64_t units) const { return units > 0 && units % tick_at(units) == 0; }
+  // Orders: at least min_order shares, in steps of order_step.
+  int64_t min_order() const;
+  int64_t order_step() const;
 };
 
 struct Market {

@@ -94,7 +94,7 @@ TEST(UniverseTest, OneSeedGivesOneUniverse) {
 // (the tests also run on the Windows build); a deliberate change of the
 // generator updates it.
 TEST(UniverseTest, DefaultSeedGivesThePinnedUniverse) {
-  EXPECT_EQ(Fingerprint(Default()), 0xde22e6e1202a09aeULL);
+  EXPECT_EQ(Fingerprint(Default()), 0x2c2c70084fd60ce9ULL);
 }
 
 // ---- Codes and names -------------------------------------------------------------
@@ -116,8 +116,7 @@ TEST(UniverseTest, StockExchangeCodesAreTheExchangesOwn) {
       {kSH, kTypeEtf, 6, {"51", "56", "58"}, 500},
       {kSH, kTypeBond, 6, {"11"}, 1},
       {kSH, kTypeEtfOption, 8, {"1"}, 500},
-      {kSZ, kTypeMainStock, 6, {"000", "001"}, 1},
-      {kSZ, kTypeSmeStock, 6, {"002", "003"}, 1},
+      {kSZ, kTypeMainStock, 6, {"000", "001", "002", "003"}, 1400},  // the SME board merged in 2021
       {kSZ, kTypeChiNextStock, 6, {"300", "301"}, 1},
       {kSZ, kTypeIndex, 6, {"399"}, 1},
       {kSZ, kTypeEtf, 6, {"159"}, 1},
@@ -144,6 +143,10 @@ TEST(UniverseTest, StockExchangeCodesAreTheExchangesOwn) {
       EXPECT_GE(kinds[r.type], r.at_least) << market.name << " kind " << r.type;
     }
   }
+  int sz_shares = 0;
+  for (const Instrument& item : Default().market(kSZ)->instruments) sz_shares += item.is_stock() ? 1 : 0;
+  EXPECT_GE(sz_shares, 2800);
+  EXPECT_LE(sz_shares, 3000);
   const Market& sh = *Default().market(kSH);
   EXPECT_GE(sh.instruments.size(), 4500u);
   EXPECT_LE(sh.instruments.size(), 5500u);
@@ -190,29 +193,49 @@ TEST(UniverseTest, FuturesCarryTheirProductAndContractMonth) {
   EXPECT_NE(Find(*Default().market(kZZ), "SR701"), nullptr);
 }
 
-TEST(UniverseTest, HongKongNamesFillTheFieldAndSomeAreCutInsideACharacter) {
+// Shares go by their short names, whole in the field; only index names
+// with codes beyond five characters are cut inside a character (the library
+// mends those).
+TEST(UniverseTest, HongKongSharesHaveShortNamesAndTheirOwnBoardLots) {
   const Market& hk = *Default().market(kHK);
   Bytes reply = market_init_reply(hk);
   auto [head, items] = Parse<ApiMarketInitHead, ApiCodeInit>(reply, hk.instruments.size());
   int cut = 0;
-  int cut_long_codes = 0;
   int stocks = 0;
+  int small_lots = 0;
+  const std::set<int> lots{50, 100, 200, 250, 400, 500, 1000, 2000, 2500, 4000, 5000, 10000, 20000};
   for (const ApiCodeInit& item : items) {
     std::string code(item.code);
     EXPECT_EQ(item.name[31], '\0') << code;
     if (CutInsideACharacter(item.name, sizeof(item.name))) {
       ++cut;
-      if (code.size() > 5) ++cut_long_codes;
+      EXPECT_GT(code.size(), 5u) << code;
     }
     if (item.type_code == kTypeHKStock) {
       ++stocks;
       EXPECT_TRUE(code.size() == 5 && AllDigits(code)) << code;
+      EXPECT_LE(strnlen(item.name, sizeof(item.name)), 22u) << code;
+      EXPECT_EQ(lots.count(+item.volume_unit), 1u) << code << " lot " << item.volume_unit;
+      small_lots += item.volume_unit < 100 ? 1 : 0;
     }
   }
-  EXPECT_GE(cut, 5);
-  EXPECT_GE(cut_long_codes, 1);  // the library mends those
+  EXPECT_GE(cut, 1);
   EXPECT_GT(stocks, 400);
+  EXPECT_GT(small_lots, 0);
   EXPECT_EQ(Find(hk, "00700")->name, "腾讯控股");
+  EXPECT_EQ(Find(hk, "00700")->volume_unit, 100);
+  EXPECT_EQ(Find(hk, "00005")->volume_unit, 400);
+  EXPECT_EQ(Find(hk, "09618")->volume_unit, 50);
+  // A share keeps its lot whatever the seed, and when its market changes.
+  Universe other(99, kToday);
+  EXPECT_EQ(Find(*other.market(kHK), "00700")->volume_unit, 100);
+  ASSERT_TRUE(other.change_market(kHK, kToday));
+  for (const Instrument& item : hk.instruments) {
+    const Instrument* again = Find(*other.market(kHK), item.code);
+    if (again != nullptr && item.type_code == kTypeHKStock && again->pre_close_units == item.pre_close_units) {
+      EXPECT_EQ(again->volume_unit, item.volume_unit) << item.code;
+    }
+  }
 }
 
 // ---- Prices, units and dates -------------------------------------------------------
@@ -222,13 +245,13 @@ TEST(UniverseTest, PricesSitOnTheirTickInsideTheirLimits) {
   for (const Market& market : Default().markets()) {
     for (const Instrument& item : market.instruments) {
       ASSERT_GT(item.pre_close_units, 0) << item.code;
-      EXPECT_EQ(item.pre_close_units % item.tick_units, 0) << item.code;
       if (item.upper_units != 0) {
         EXPECT_LE(item.lower_units, item.pre_close_units) << item.code;
         EXPECT_GE(item.upper_units, item.pre_close_units) << item.code;
         EXPECT_GT(item.lower_units, 0) << item.code;
       }
       if (item.volume_unit == 0) ++unit_zero;
+      EXPECT_TRUE(item.on_grid(item.pre_close_units)) << item.code;
       switch (item.type_code) {
         case kTypeMainStock:
         case kTypeSmeStock:
@@ -253,6 +276,30 @@ TEST(UniverseTest, PricesSitOnTheirTickInsideTheirLimits) {
   EXPECT_EQ(Find(*Default().market(kSQ), "cu")->tick_units, 10);
   EXPECT_DOUBLE_EQ(Find(*Default().market(kZJ), "IF2612")->tick(), 0.2);
   EXPECT_DOUBLE_EQ(Find(*Default().market(kZJ), "T")->tick(), 0.005);
+  // Hong Kong's spread table: 0.5 from 500 to 1,000 HKD, 0.1 from 100 to 200.
+  const Instrument& tencent = *Find(*Default().market(kHK), "00700");
+  EXPECT_EQ(tencent.tick_at(625000), 500);
+  EXPECT_EQ(tencent.tick_at(500000), 200);
+  EXPECT_EQ(tencent.tick_above(500000), 500);
+  EXPECT_EQ(tencent.tick_at(150000), 100);
+  EXPECT_EQ(tencent.tick_at(240), 1);
+  EXPECT_FALSE(tencent.on_grid(625488));
+  // Turnover multipliers, and limits of the STAR and ChiNext funds.
+  EXPECT_EQ(Find(*Default().market(kZJ), "IF2612")->multiplier, 300);
+  EXPECT_EQ(Find(*Default().market(kZJ), "T2612")->multiplier, 10000);
+  EXPECT_EQ(Find(*Default().market(kSQ), "cu2612")->multiplier, 5);
+  EXPECT_EQ(Find(*Default().market(kSH), "600519")->multiplier, 1);
+  EXPECT_EQ(Find(*Default().market(kSH), "588000")->limit_pm, 200);
+  EXPECT_EQ(Find(*Default().market(kSZ), "159915")->limit_pm, 200);
+  EXPECT_EQ(Find(*Default().market(kSZ), "159919")->limit_pm, 100);
+  for (const Instrument& item : Default().market(kSH)->instruments) {
+    if (item.type_code == kTypeEtfOption) {
+      EXPECT_EQ(item.multiplier, 10000) << item.code;
+    }
+    if (item.type_code == kTypeStarStock) {
+      EXPECT_EQ(item.min_order() * 1000 + item.order_step(), 200001) << item.code;
+    }
+  }
 }
 
 TEST(UniverseTest, ListingDatesAreTradingDaysUpToTheTradingDay) {
@@ -263,7 +310,7 @@ TEST(UniverseTest, ListingDatesAreTradingDaysUpToTheTradingDay) {
       EXPECT_LE(date, kToday) << item.code;
       EXPECT_GE(date, 19690101) << item.code;
       EXPECT_FALSE(is_weekend(date)) << item.code << " " << date;
-      if (date >= 20140101) {
+      if (date >= kFirstHolidayYear * 10000 + 101) {
         EXPECT_TRUE(is_trading_day(date)) << item.code << " " << date;
       }
     }
@@ -303,7 +350,6 @@ TEST(UniverseTest, HongKongRatesCoverEveryConnectTradingDay) {
   ASSERT_FALSE(rates.empty());
   EXPECT_EQ(rates.front().date, Universe::kHKConnectStart);
   EXPECT_EQ(rates.back().date, kToday);
-  EXPECT_EQ(rates.size(), trading_days(Universe::kHKConnectStart, kToday).size());
   for (const HKRate& rate : rates) {
     EXPECT_TRUE(is_trading_day(rate.date)) << rate.date;
     EXPECT_GT(rate.rate_a, 0.89f);
@@ -311,6 +357,17 @@ TEST(UniverseTest, HongKongRatesCoverEveryConnectTradingDay) {
     EXPECT_LT(rate.rate_a, rate.rate_b);
   }
   EXPECT_EQ(Default().hk_rates(20240101, 20240131).size(), 22u);
+  EXPECT_EQ(rates.size(), connect_days(Universe::kHKConnectStart, kToday).size());
+  // The connect closes on Hong Kong's holidays, while Shanghai trades.
+  for (int32_t day : {20241225, 20241226, 20250418, 20250421, 20240701, 20231023}) {
+    EXPECT_TRUE(is_trading_day(day)) << day;
+    EXPECT_FALSE(is_connect_day(day)) << day;
+    EXPECT_TRUE(Default().hk_rates(day, day).empty()) << day;
+  }
+  EXPECT_TRUE(is_connect_day(20241224));
+  Universe christmas(Universe::kDefaultSeed, 20241225);
+  EXPECT_EQ(christmas.market(kSH)->trade_date, 20241225);
+  EXPECT_EQ(christmas.market(kHK)->trade_date, 20241224);
 }
 
 TEST(UniverseTest, NewIssuesUseCodesNotYetListed) {
@@ -353,6 +410,11 @@ TEST(CalendarTest, NationalDayWeekOf2024IsClosed) {
   EXPECT_EQ(trading_day_on_or_before(20241005), 20240930);
   EXPECT_EQ(next_trading_day(20240930), 20241008);
   EXPECT_EQ(previous_trading_day(20241008), 20240930);
+  // Before 2014: the Spring Festival and National Day closures at least.
+  for (int32_t day : {20130211, 20130215, 20121005, 20100922, 20081001, 20080207, 20050210, 20011005}) {
+    EXPECT_FALSE(is_trading_day(day)) << day;
+  }
+  for (int32_t day : {20130218, 20121008, 20081006}) EXPECT_TRUE(is_trading_day(day)) << day;
 }
 
 // ---- Replies -----------------------------------------------------------------------
