@@ -12,9 +12,11 @@
 #ifndef KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
 #define KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
 
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -67,7 +69,9 @@ class SubscriberRegistry {
   void put(short id, Entry entry) {
     auto slot = std::make_shared<Slot>(std::move(entry));
     std::unique_lock<std::shared_mutex> lock(mu_);
-    slots_[id] = std::move(slot);
+    auto& page = pages_[Page(id)];
+    if (page == nullptr) page = std::make_unique<PageSlots>();
+    (*page)[Index(id)] = std::move(slot);
   }
 
   // Calls f(entry) for id's entry; false when there is none (or it is being removed).
@@ -83,10 +87,9 @@ class SubscriberRegistry {
     std::shared_ptr<Slot> slot;
     {
       std::unique_lock<std::shared_mutex> lock(mu_);
-      auto it = slots_.find(id);
-      if (it == slots_.end()) return nullptr;
-      slot = std::move(it->second);
-      slots_.erase(it);
+      const auto& page = pages_[Page(id)];
+      if (page == nullptr || (*page)[Index(id)] == nullptr) return nullptr;
+      slot = std::move((*page)[Index(id)]);
     }
     slot->gate.close_and_wait();
     return std::shared_ptr<const Entry>(slot, &slot->entry);
@@ -101,12 +104,18 @@ class SubscriberRegistry {
 
   std::shared_ptr<Slot> find(short id) const {
     std::shared_lock<std::shared_mutex> lock(mu_);
-    auto it = slots_.find(id);
-    return it == slots_.end() ? nullptr : it->second;
+    const auto& page = pages_[Page(id)];
+    return page == nullptr ? nullptr : (*page)[Index(id)];
   }
 
+  // Ids are 16 bits: a table indexed by id in pages of 256, made as ids are
+  // first used, so that a delivery's lookup is two loads and no search.
+  using PageSlots = std::array<std::shared_ptr<Slot>, 256>;
+  static size_t Page(short id) { return static_cast<uint16_t>(id) >> 8; }
+  static size_t Index(short id) { return static_cast<uint16_t>(id) & 0xFF; }
+
   mutable std::shared_mutex mu_;
-  std::map<short, std::shared_ptr<Slot>> slots_;
+  std::array<std::unique_ptr<PageSlots>, 256> pages_;
 };
 
 }  // namespace tavr

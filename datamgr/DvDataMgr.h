@@ -33,6 +33,7 @@
 namespace tavr {
 
 class KelQuoteClient;
+struct TickRoute;
 
 // One queued vendor callback. The envelope owns data, a malloc'd copy of the
 // vendor record whose layout msg_type names; size is the number of bytes
@@ -229,6 +230,10 @@ class DvDataMgr {
 
  private:
   void service_loop(int server);
+  // The level-1 route of code in market id, kept by the service thread or
+  // looked up into scratch; null after its line when the market or the
+  // instrument is missing or the market initialising.
+  const TickRoute* l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch);
   void stand_in_loop(int slot);
   static unsigned StandInThread(void* slot);
   // Handles msg and, when it belongs to a strand, the strand's messages
@@ -301,8 +306,15 @@ class DvDataMgr {
   };
   StandIn stand_ins_[MsgQueue::kMaxStandIns];
 
-  // Messages pushed and not yet handled, for wait_idle.
-  std::atomic<int64_t> pending_{0};
+  // Messages pushed, and handled per server (the last slot counts those
+  // dropped unhandled), for wait_idle. Apart, so that the vendor's thread
+  // and each service thread count on cache lines of their own.
+  struct alignas(64) Count {
+    std::atomic<int64_t> value{0};
+  };
+  Count pushed_;
+  Count handled_[MsgQueue::kMaxServers + 1];
+  int64_t pending() const;
   std::mutex idle_mu_;
   std::condition_variable idle_cv_;
   std::atomic<int> idle_waiters_{0};

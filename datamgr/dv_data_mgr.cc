@@ -6,6 +6,7 @@
 
 #include "log/MyLog.h"
 #include "log/sized_rolling_appender.h"
+#include "realtime/tick_routes.h"
 #include "utils/utils.h"
 
 namespace tavr {
@@ -110,7 +111,7 @@ bool DvDataMgr::start() {
     // A message left from an earlier run is stale; only the oldest goes.
     if (DataMsg* stale = queue_.activate(thread_count_)) {
       free_msg(stale);
-      pending_.fetch_sub(1);
+      handled_[MsgQueue::kMaxServers].value.fetch_add(1);
     }
     next_shard_.store(0);
     {
@@ -196,7 +197,7 @@ void DvDataMgr::stop_locked() {
 
 void DvDataMgr::push_msg(DataMsg* msg) {
   if (msg == nullptr) return;
-  pending_.fetch_add(1, std::memory_order_relaxed);
+  pushed_.value.fetch_add(1, std::memory_order_relaxed);
   queue_.push(msg);
 }
 
@@ -215,7 +216,8 @@ void DvDataMgr::handle_msg(int server, DataMsg* msg) {
                      "数据服务线程, do bussiness catch Exception!!!...");
   }
   queue_.recycle(server, msg);
-  if (pending_.fetch_sub(1, std::memory_order_acq_rel) == 1 && idle_waiters_.load() > 0) {
+  handled_[server].value.fetch_add(1);
+  if (idle_waiters_.load() > 0 && pending() == 0) {
     std::lock_guard<std::mutex> lock(idle_mu_);
     idle_cv_.notify_all();
   }
@@ -237,6 +239,8 @@ unsigned DvDataMgr::DataServiceThread(void* mgr) {
 
 void DvDataMgr::service_loop(int server) {
   t_serving = this;
+  TickRoutes routes;
+  TickRoutes::current() = &routes;
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 begin...");
   while (running_.load(std::memory_order_acquire)) {
     DataMsg* msg = nullptr;
@@ -255,6 +259,7 @@ void DvDataMgr::service_loop(int server) {
     handle_chain(server, msg);
   }
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 exit...");
+  TickRoutes::current() = nullptr;
   t_serving = nullptr;
 }
 
@@ -304,11 +309,19 @@ void DvDataMgr::stand_in_loop(int slot) {
   t_serving = nullptr;
 }
 
+int64_t DvDataMgr::pending() const {
+  // Handled first: every message counted handled was counted pushed before,
+  // so the difference is never below the truth.
+  int64_t handled = 0;
+  for (const Count& count : handled_) handled += count.value.load();
+  return pushed_.value.load() - handled;
+}
+
 bool DvDataMgr::wait_idle(int timeout_ms) {
   idle_waiters_.fetch_add(1);
   std::unique_lock<std::mutex> lock(idle_mu_);
   bool idle = idle_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                                [this] { return pending_.load(std::memory_order_acquire) == 0; });
+                                [this] { return pending() == 0; });
   idle_waiters_.fetch_sub(1);
   return idle;
 }

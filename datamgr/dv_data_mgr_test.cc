@@ -132,7 +132,7 @@ TEST_F(DataMgrTest, StartConnectsAndSendsStartUpRequestsStopReleasesAndEmptiesTh
     mgr_.on_reply_data(31, rates.data(), rates.size());
     auto sh = mgr_.markets().find("SH");
     auto held = [&] {
-      std::lock_guard<std::mutex> codes(mgr_.markets().codes_mu);
+      std::lock_guard<CodesMutex> codes(mgr_.markets().codes_mu);
       std::lock_guard<std::mutex> calendar(mgr_.calendar().mu);
       return std::vector<size_t>{sh->base_codes.size(), sh->other_codes.size(), mgr_.calendar().hk_rates.size()};
     };

@@ -70,7 +70,7 @@ uint16_t DvDataMgr::request_his_kline(const quoter::TSMetaInfo& meta, const quot
   uint32_t list_date = 0;
   uint16_t type_code = 0;
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
     const CodeTable& table = kind == 1 ? info->base_codes : info->other_codes;
     auto it = table.find(code);
     if (it == table.end()) {

@@ -89,7 +89,7 @@ void DvDataMgr::get_market_trade_day_list(const std::string& name, char variant,
   int32_t first, last = 0;
   bool has_last;
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
     first = variant == 1 ? market->start_date : market->second_date;
     has_last = variant == 1 ? market->initialised.load() : market->other_base_ready.load();
     if (has_last) last = market->trade_date;
@@ -124,7 +124,7 @@ void DvDataMgr::get_HKC_trade_day_list(char variant, std::vector<int64_t>& days)
   const char* function = "DvDataMgr::get_HKC_trade_day_list";
   int32_t first = variant == 1 ? 20141117 : 20161205;
   if (auto hk = markets_.find("HK")) {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
     first = variant == 1 ? hk->start_date : hk->second_date;
   }
   auto ready = [this] {

@@ -35,7 +35,7 @@ void DvDataMgr::get_market_code_list(const std::string& host_market, const std::
   // service threads up for a map walk, not for thousands of allocations.
   std::vector<std::shared_ptr<BaseCodeInfo>> records;
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
     const CodeTable& table = variant == 2 ? market->other_codes : market->base_codes;
     records.reserve(table.size());
     for (const auto& entry : table) records.push_back(entry.second);
@@ -49,7 +49,7 @@ void DvDataMgr::get_market_code_list(const std::string& host_market, const std::
     int digits;
     {
       // Reference replies may update the tick while we read it.
-      std::lock_guard<std::mutex> lock(markets_.codes_mu);
+      std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
       detail->code = record->code;
       detail->name = record->name2;
       tick = record->price_tick;

@@ -65,7 +65,7 @@ void DvDataMgr::on_reply_data(const ApiMarketOtherBaseHead* data, size_t size) {
     other->suspended = item.suspended != 0;
     bool found;
     {
-      std::lock_guard<std::mutex> lock(markets_.codes_mu);
+      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
       if (found) info->other_base = std::move(other);
@@ -107,7 +107,7 @@ void DvDataMgr::on_reply_data(const ApiRefInfoHead* data, size_t size) {
     std::string instrument_name;
     bool found;
     {
-      std::lock_guard<std::mutex> lock(markets_.codes_mu);
+      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
       if (found) {
@@ -162,7 +162,7 @@ void DvDataMgr::on_reply_data(const ApiLatestShareHead* data, size_t size) {
     std::string code = field_text(item.code);
     bool found;
     {
-      std::lock_guard<std::mutex> lock(markets_.codes_mu);
+      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
     }

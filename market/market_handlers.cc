@@ -20,7 +20,7 @@ void DvDataMgr::on_reply_data(const ApiMarketStatus* data, size_t size) {
   auto market = markets_.find(name);
   if (market == nullptr) return;
 
-  std::unique_lock<std::mutex> lock(markets_.codes_mu);
+  std::unique_lock<CodesMutex> lock(markets_.codes_mu);
   bool recorded = market->status_checksum != 0 && market->trade_date != 0;
   bool storable = status.date != 0 && status.checksum != 0;
   if (!recorded) {
@@ -74,12 +74,12 @@ void DvDataMgr::on_reply_data(const ApiMarketInitHead* data, size_t size) {
     market->initialised.store(false);
     market->other_base_ready.store(false);
     market->ref_info_ready.store(false);
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<CodesMutex> lock(markets_.codes_mu);
     market->base_codes.clear();
     market->other_codes.clear();
   }
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<CodesMutex> lock(markets_.codes_mu);
     market->market_id = head.market_id;
     market->market_type = head.market_type;
     std::memcpy(market->market_desc, head.market_desc, sizeof(market->market_desc));
@@ -112,7 +112,7 @@ void DvDataMgr::on_reply_data(const ApiMarketInitHead* data, size_t size) {
     records.emplace_back(in_other_codes(head.market_id, info->code), std::move(info));
   }
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<CodesMutex> lock(markets_.codes_mu);
     for (auto& [other, info] : records) {
       CodeTable& table = other ? market->other_codes : market->base_codes;
       table[info->code] = std::move(info);
@@ -124,7 +124,7 @@ void DvDataMgr::on_reply_data(const ApiMarketInitHead* data, size_t size) {
 
   size_t base_size, other_size;
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<CodesMutex> lock(markets_.codes_mu);
     base_size = market->base_codes.size();
     other_size = market->other_codes.size();
   }

@@ -41,7 +41,7 @@ class MarketHandlersTest : public ::testing::Test {
   }
   std::shared_ptr<MarketInfo> Market(const char* name) { return mgr_.markets().find(name); }
   size_t Codes(const char* name, bool other = false) {
-    std::lock_guard<std::mutex> lock(mgr_.markets().codes_mu);
+    std::lock_guard<CodesMutex> lock(mgr_.markets().codes_mu);
     auto market = Market(name);
     return other ? market->other_codes.size() : market->base_codes.size();
   }
@@ -79,7 +79,7 @@ TEST_F(MarketHandlersTest, StatusIsRecordedFirstThenComparedAndChangesReinitiali
   // Changed with date 0: re-initialises without storing.
   Status(2, 0, 1, 5);
   EXPECT_EQ(api_.count("ReqMarketInit"), 2u);
-  std::lock_guard<std::mutex> lock(mgr_.markets().codes_mu);
+  std::lock_guard<CodesMutex> lock(mgr_.markets().codes_mu);
   EXPECT_EQ(Market("SH")->trade_date, 20240103);
   EXPECT_EQ(Market("SH")->status_checksum, 77u);
 }
@@ -164,7 +164,7 @@ TEST_F(MarketHandlersTest, ReferenceDataUpdatesTicksAndContinuousContracts) {
   EXPECT_EQ(mgr_.continuous_contract(1, "IF"), "IF2401");
   EXPECT_EQ(mgr_.continuous_contract(2, "IF00"), "IF2402");
   EXPECT_TRUE(log_.contains("Insert Recent contract IF2402...."));
-  std::lock_guard<std::mutex> lock(mgr_.markets().codes_mu);
+  std::lock_guard<CodesMutex> lock(mgr_.markets().codes_mu);
   std::shared_ptr<BaseCodeInfo> info;
   ASSERT_EQ(DvDataMgr::find_code(*Market("ZJ"), "IF2401", info), 1);
   EXPECT_EQ(info->price_digits, 1);

@@ -9,6 +9,7 @@ void MarketTable::add_market(const std::string& name, int32_t start_date, int32_
   market->second_date = second_date;
   std::lock_guard<std::mutex> lock(mu_);
   markets_[name] = std::move(market);
+  codes_mu.touch();  // what service threads kept of the old record is stale
 }
 
 std::shared_ptr<MarketInfo> MarketTable::find(const std::string& name) const {
@@ -24,7 +25,7 @@ size_t MarketTable::size() const {
 
 void MarketTable::clear_codes() {
   std::lock_guard<std::mutex> lock(mu_);
-  std::lock_guard<std::mutex> codes_lock(codes_mu);
+  std::lock_guard<CodesMutex> codes_lock(codes_mu);
   for (auto& [name, market] : markets_) {
     market->base_codes.clear();
     market->other_codes.clear();

@@ -38,6 +38,28 @@ struct MarketInfo {
   uint32_t status_checksum = 0;
 };
 
+// The instrument lock. Whoever takes it through lock() may change the tables,
+// so that unlock advances the generation; a reader that changes nothing locks
+// read_only() and leaves it. A service thread may keep what it looked up for
+// as long as the generation stands.
+class CodesMutex {
+ public:
+  void lock() { mu_.lock(); }
+  bool try_lock() { return mu_.try_lock(); }
+  void unlock() {
+    touch();
+    mu_.unlock();
+  }
+  std::mutex& read_only() { return mu_; }
+  uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
+  void touch() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+
+ private:
+  std::mutex mu_;
+  // Apart from the lock word: read on every snapshot, written on a change.
+  alignas(64) std::atomic<uint64_t> generation_{1};
+};
+
 class MarketTable {
  public:
   // Puts a fresh record under name, replacing any record of that name.
@@ -50,7 +72,7 @@ class MarketTable {
 
   // The instrument lock: guards every market's header fields, base_codes and
   // other_codes. Held only to read or copy, never across a wait or a callback.
-  mutable std::mutex codes_mu;
+  mutable CodesMutex codes_mu;
 
  private:
   mutable std::mutex mu_;

@@ -6,6 +6,7 @@
 #include "kelquote/KelQuoteClient.h"
 #include "log/MyLog.h"
 #include "realtime/l1_convert.h"
+#include "realtime/tick_routes.h"
 
 namespace tavr {
 
@@ -15,7 +16,7 @@ const char kFunction[] = "DvDataMgr::on_reply_data";
 
 int DvDataMgr::instrument_view(const MarketInfo& market, const std::string& code, InstrumentView& view,
                                std::shared_ptr<BaseCodeInfo>* record) {
-  std::lock_guard<std::mutex> lock(markets_.codes_mu);
+  std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
   std::shared_ptr<BaseCodeInfo> info;
   int where = find_code(market, code, info);
   if (where == 0) return 0;
@@ -27,27 +28,60 @@ int DvDataMgr::instrument_view(const MarketInfo& market, const std::string& code
   return where;
 }
 
+const TickRoute* DvDataMgr::l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch) {
+  TickRoutes* routes = TickRoutes::current();
+  // Read before any lookup: a change made meanwhile leaves the route stale.
+  uint64_t codes_generation = markets_.codes_mu.generation();
+  uint64_t subscriptions_generation = subscriptions_.generation();
+  TickRoute* route = routes != nullptr ? routes->find(market_id, code) : nullptr;
+  if (route != nullptr && route->codes_generation == codes_generation) {
+    if (!route->market->initialised.load(std::memory_order_acquire)) {
+      CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick]市场[%s]正在初始化，忽略该条tick数据...",
+                       route->market->name.c_str());
+      return nullptr;
+    }
+  } else {
+    std::string name = get_market_name_by_id(market_id);
+    auto market = markets_.find(name);
+    if (market == nullptr) {
+      CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] 市场[%s]不存在.....", name.c_str());
+      if (route != nullptr) routes->erase(market_id, code);
+      return nullptr;
+    }
+    if (!market->initialised.load(std::memory_order_acquire)) {
+      CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick]市场[%s]正在初始化，忽略该条tick数据...", name.c_str());
+      return nullptr;
+    }
+    TickRoute fresh;
+    if (instrument_view(*market, code, fresh.view, &fresh.record) == 0) {
+      CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] Code %s not exist...", code.c_str());
+      if (route != nullptr) routes->erase(market_id, code);
+      return nullptr;
+    }
+    fresh.market = std::move(market);
+    fresh.key = code + "." + name;
+    fresh.codes_generation = codes_generation;
+    fresh.subscriptions_generation = 0;  // fetched below
+    route = routes != nullptr ? &routes->put(market_id, code, std::move(fresh)) : &(scratch = std::move(fresh));
+  }
+  if (route->subscriptions_generation != subscriptions_generation) {
+    route->subscribers = subscriptions_.subscribers(route->key);
+    route->subscriptions_generation = subscriptions_generation;
+  }
+  return route;
+}
+
 void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
   ApiL1Tick tick;
   if (data == nullptr || size < sizeof(tick)) return;
   std::memcpy(&tick, data, sizeof(tick));
-  std::string name = get_market_name_by_id(tick.market_id);
-  auto market = markets_.find(name);
-  if (market == nullptr) {
-    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] 市场[%s]不存在.....", name.c_str());
-    return;
-  }
-  if (!market->initialised.load(std::memory_order_acquire)) {
-    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick]市场[%s]正在初始化，忽略该条tick数据...", name.c_str());
-    return;
-  }
   std::string code = field_text(tick.code);
-  InstrumentView view;
-  std::shared_ptr<BaseCodeInfo> record;
-  if (instrument_view(*market, code, view, &record) == 0) {
-    CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] Code %s not exist...", code.c_str());
-    return;
-  }
+  TickRoute scratch;
+  const TickRoute* route = l1_route(tick.market_id, code, scratch);
+  if (route == nullptr) return;
+  const std::string& name = route->market->name;
+  const InstrumentView& view = route->view;
+  BaseCodeInfo* record = route->record.get();
   CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Code %s info [%d, %d]...", code.c_str(), view.digits, view.unit);
 
   auto a = convert_snapshot(tick, code, view, name, "[ApiL1Tick]");
@@ -69,13 +103,11 @@ void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
   int64_t volume = static_cast<int64_t>(a->volume);
   if (__builtin_add_overflow(total, volume, &total)) total = volume > 0 ? INT64_MAX : INT64_MIN;
   record->last_price = static_cast<float>(a->lastPrice);
-  auto buy_sell = std::make_shared<quoter::BuySellData>();
-  buy_sell->buyVolume = record->buy_volume_total;
-  buy_sell->sellVolume = record->sell_volume_total;
+  std::shared_ptr<quoter::BuySellData> buy_sell;  // made once a subscriber wants it
 
-  std::string key = code + "." + name;
-  auto subscribers = subscriptions_.subscribers(key);
-  CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Start return data[%s][%d].....", key.c_str(),
+  // A copy: the host's callbacks below may change the subscriptions.
+  std::shared_ptr<const SubscriptionTable::List> subscribers = route->subscribers;
+  CMyLog::PrintLog(LOG_TRACE, kFunction, "[ApiL1Tick] Start return data[%s][%d].....", route->key.c_str(),
                    static_cast<int>(subscribers->size()));
   KelQuoteClient* host = client();
   for (const TickSubscription& entry : *subscribers) {
@@ -83,6 +115,11 @@ void DvDataMgr::on_reply_data(const ApiL1Tick* data, size_t size) {
     records.reserve(2);
     if (entry.level == 0) {
       if (entry.data_type == 4002) {
+        if (buy_sell == nullptr) {
+          buy_sell = std::make_shared<quoter::BuySellData>();
+          buy_sell->buyVolume = record->buy_volume_total;
+          buy_sell->sellVolume = record->sell_volume_total;
+        }
         records.push_back(buy_sell);
       } else {
         records.push_back(b);

@@ -280,26 +280,35 @@ TEST_F(L1TickTest, APackageMeetingAnInitialisingMarketDeliversNothing) {
   EXPECT_TRUE(fx_.log().contains("[ApiMarketPushResp]市场[SH]正在初始化，忽略该组tick数据[True,False]..."));
 }
 
-// Snapshots of one instrument reach the host in the vendor's order however
-// many service threads run, and the totals stay exact.
+// Snapshots of one instrument reach each of its subscribers exactly once and
+// in the vendor's order, at market breadth and however many service threads
+// run, and the totals stay exact. The instruments tick once before anyone
+// subscribes, so what the service threads kept of them must see the
+// subscriptions that follow.
 TEST(L1OrderingTest, EachInstrumentKeepsTheVendorsOrder) {
   testkit::MarketFixture fx;
+  constexpr int kInstruments = 5000;
+  constexpr int kTicks = 12;
   std::vector<ApiCodeInit> codes;
-  for (int i = 0; i < 8; ++i) codes.push_back(testkit::code_init(std::to_string(600000 + i), "x", 2, 100));
+  for (int i = 0; i < kInstruments; ++i) codes.push_back(testkit::code_init(std::to_string(600000 + i), "x", 2, 100));
   fx.init_market(2, codes, 10, 1);
   fx.mgr().set_processor_count(4);
   ASSERT_TRUE(fx.mgr().start());
-  std::vector<int> ids;
-  for (int i = 0; i < 8; ++i) ids.push_back(fx.subscribe("SH", std::to_string(600000 + i), 4002));
-  constexpr int kTicks = 2000;
-  std::thread vendor([&] {
-    for (int n = 1; n <= kTicks; ++n) {
-      for (int i = 0; i < 8; ++i) {
-        // Cumulative volume grows by 100 shares (one lot) per snapshot.
-        ApiL1Tick tick = testkit::l1_tick(2, std::to_string(600000 + i), 93000 + n % 60, 10.0f + n % 3, 100.0f * n);
-        fx.mgr().callback()->OnTickL1(&tick);
-      }
+  // Cumulative volume grows by 100 shares (one lot) per snapshot; none before the first.
+  auto round = [&](int n) {
+    for (int i = 0; i < kInstruments; ++i) {
+      ApiL1Tick tick = testkit::l1_tick(2, std::to_string(600000 + i), 93000 + n % 60, 10.0f + n % 3, 100.0f * n);
+      fx.mgr().callback()->OnTickL1(&tick);
     }
+  };
+  round(0);
+  ASSERT_TRUE(fx.mgr().wait_idle(20000));
+  std::map<int, int> instrument_of;
+  for (int i = 0; i < kInstruments; ++i) {
+    for (int twice = 0; twice < 2; ++twice) instrument_of[fx.subscribe("SH", std::to_string(600000 + i), 4002)] = i;
+  }
+  std::thread vendor([&] {
+    for (int n = 1; n <= kTicks; ++n) round(n);
   });
   vendor.join();
   ASSERT_TRUE(fx.mgr().wait_idle(20000));
@@ -308,11 +317,11 @@ TEST(L1OrderingTest, EachInstrumentKeepsTheVendorsOrder) {
     auto bs = std::dynamic_pointer_cast<quoter::BuySellData>(r.records.at(0));
     totals[r.id].push_back(bs->buyVolume + bs->sellVolume);
   }
-  ASSERT_EQ(totals.size(), 8u);
+  ASSERT_EQ(totals.size(), instrument_of.size());
   for (auto& [id, sums] : totals) {
-    ASSERT_EQ(sums.size(), static_cast<size_t>(kTicks));
+    ASSERT_EQ(sums.size(), static_cast<size_t>(kTicks)) << id;
     // Totals add the cumulative lots n at snapshot n: 1, 3, 6, ... in order.
-    for (int n = 1; n <= kTicks; ++n) ASSERT_EQ(sums[n - 1], int64_t{n} * (n + 1) / 2) << id << " " << n;
+    for (int n = 1; n <= kTicks; ++n) ASSERT_EQ(sums[n - 1], int64_t{n} * (n + 1) / 2) << instrument_of[id] << " " << n;
   }
 }
 

@@ -29,7 +29,7 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
   double start_ms = utils::getTime() * 1000;
   uint32_t code_count;
   {
-    std::lock_guard<std::mutex> lock(markets_.codes_mu);
+    std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
     code_count = market->code_count;
   }
   bool full = (count > 3000 || static_cast<uint32_t>(count) == code_count) && name != "HK";

@@ -42,6 +42,7 @@ void SubscriptionTable::publish(const std::string& key, std::shared_ptr<const Li
   } else {
     lists_.emplace(key, std::move(next));
   }
+  generation_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 bool SubscriptionTable::add(const std::string& key, TickSubscription entry) {

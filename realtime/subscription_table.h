@@ -42,6 +42,9 @@ class SubscriptionTable {
   // The entries of key (empty when none); a list never changes while held.
   std::shared_ptr<const List> subscribers(const std::string& key) const;
   bool holds_serial(uint16_t serial) const;
+  // Advances whenever a list changes: a service thread may keep a list it
+  // fetched for as long as the generation stands.
+  uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
   // Instrument keys with at least one entry.
   size_t keys() const;
 
@@ -64,6 +67,7 @@ class SubscriptionTable {
   mutable std::mutex mu_;  // guards lists_ and serials_ against the readers
   std::unordered_map<std::string, std::shared_ptr<const List>> lists_;
   std::bitset<65536> serials_;
+  alignas(64) std::atomic<uint64_t> generation_{1};
 };
 
 }  // namespace tavr
