@@ -306,13 +306,12 @@ class DvDataMgr {
   };
   StandIn stand_ins_[MsgQueue::kMaxStandIns];
 
-  // Messages pushed, and handled per server (the last slot counts those
-  // dropped unhandled), for wait_idle. Apart, so that the vendor's thread
-  // and each service thread count on cache lines of their own.
+  // Messages handled per server (the last slot counts those dropped
+  // unhandled), against those the queue took, for wait_idle. Apart, so that
+  // each service thread counts on a cache line of its own.
   struct alignas(64) Count {
     std::atomic<int64_t> value{0};
   };
-  Count pushed_;
   Count handled_[MsgQueue::kMaxServers + 1];
   int64_t pending() const;
   std::mutex idle_mu_;

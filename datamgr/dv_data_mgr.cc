@@ -197,7 +197,6 @@ void DvDataMgr::stop_locked() {
 
 void DvDataMgr::push_msg(DataMsg* msg) {
   if (msg == nullptr) return;
-  pushed_.value.fetch_add(1, std::memory_order_relaxed);
   queue_.push(msg);
 }
 
@@ -314,7 +313,7 @@ int64_t DvDataMgr::pending() const {
   // so the difference is never below the truth.
   int64_t handled = 0;
   for (const Count& count : handled_) handled += count.value.load();
-  return pushed_.value.load() - handled;
+  return static_cast<int64_t>(queue_.pushed()) - handled;
 }
 
 bool DvDataMgr::wait_idle(int timeout_ms) {

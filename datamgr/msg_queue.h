@@ -88,6 +88,8 @@ class MsgQueue {
   // message left from an earlier run is stale. No server may be running.
   DataMsg* activate(int n);
   size_t size() const;
+  // Messages pushed since the queue was made.
+  uint64_t pushed() const { return seq_.load(); }
 
  private:
   struct alignas(64) Server {
@@ -98,9 +100,9 @@ class MsgQueue {
     // Set while the server's thread may block on sem: only then does a push
     // pay for a release.
     std::atomic<bool> sleeping{false};
-    // The server's thread only: what it took from messages in one swap, and
-    // handled blocks on their way back.
-    std::deque<DataMsg*> taken;
+    // The server's thread only, on lines of their own: what it took from
+    // messages in one swap, and handled blocks on their way back.
+    alignas(64) std::deque<DataMsg*> taken;
     std::vector<DataMsg*> spent;
     size_t freed = 0;  // bytes handled and not yet added to freed_bytes_
   };
@@ -114,10 +116,11 @@ class MsgQueue {
 
   std::unique_ptr<Server[]> servers_;
   std::atomic<int> active_{1};
-  std::atomic<uint64_t> seq_{0};
-  // Bytes pushed and bytes handled, written by the two sides apart; the
-  // service threads add theirs in batches.
-  alignas(64) std::atomic<size_t> pushed_bytes_{0};
+  // Messages and bytes pushed, and bytes handled, written by the two sides
+  // apart (and apart from what the service threads read); the service
+  // threads add theirs in batches.
+  alignas(64) std::atomic<uint64_t> seq_{0};
+  std::atomic<size_t> pushed_bytes_{0};
   alignas(64) std::atomic<size_t> freed_bytes_{0};
   std::atomic<size_t> limit_{kDefaultLimit};
 
@@ -133,7 +136,7 @@ class MsgQueue {
   // per message.
   std::mutex spare_mu_;
   std::vector<DataMsg*> spare_;
-  std::mutex ready_mu_;
+  alignas(64) std::mutex ready_mu_;  // the vendor's side
   std::vector<DataMsg*> ready_;
 };
 
