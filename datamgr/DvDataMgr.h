@@ -33,6 +33,8 @@
 namespace tavr {
 
 class KelQuoteClient;
+class CaptureRecorder;
+class CaptureApi;
 
 // One queued vendor callback. The envelope owns data, a malloc'd copy of the
 // vendor record whose layout msg_type names; size is the number of bytes
@@ -203,6 +205,9 @@ class DvDataMgr {
   void set_client(KelQuoteClient* client) { client_.store(client, std::memory_order_release); }
 
   CDataApi* api() const { return api_; }
+  // The recorder when the deployment's setting turned capture on at init;
+  // null otherwise. Any thread.
+  CaptureRecorder* capture() const { return capture_.load(std::memory_order_acquire); }
   CMyCallBackPro* callback() { return &callback_; }
   MarketTable& markets() { return markets_; }
   Calendar& calendar() { return calendar_; }
@@ -271,6 +276,12 @@ class DvDataMgr {
   std::atomic<bool> stop_pending_{false};
   bool inited_ = false;
   CDataApi* api_ = nullptr;
+  // While capturing, api_ is capture_api_, which passes every request on to
+  // the vendor's object.
+  std::unique_ptr<CaptureRecorder> capture_owned_;
+  std::unique_ptr<CaptureApi> capture_api_;
+  std::atomic<CaptureRecorder*> capture_{nullptr};
+  void init_capture();
   std::atomic<KelQuoteClient*> client_{nullptr};
   CMyCallBackPro callback_;
   ServerTable servers_;
