@@ -42,7 +42,10 @@ std::string SessionName() {
 CaptureRecorder::CaptureRecorder(const CaptureSettings& settings)
     : settings_(settings),
       capacity_(std::bit_ceil(std::max<size_t>(settings.buffer_bytes, 4096))),
-      ring_(new uint8_t[capacity_]) {}
+      ring_(new uint8_t[capacity_]) {
+  // Touched now, at login: a first touch later is a page fault on the vendor's thread.
+  std::memset(ring_.get(), 0, capacity_);
+}
 
 CaptureRecorder::~CaptureRecorder() { end(); }
 

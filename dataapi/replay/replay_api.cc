@@ -1,5 +1,6 @@
 #include "dataapi/replay/replay_api.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -201,6 +202,7 @@ bool ReplayApi::wait_done(int timeout_ms) {
 void ReplayApi::play(size_t from) {
   Clock::time_point base_wall = Clock::now();
   uint64_t base_ns = from < events_.size() ? events_[from].ns : 0;
+  bool after_request = false;
   for (size_t i = from; i < events_.size() && !stop_.load(std::memory_order_relaxed); ++i) {
     const Event& e = events_[i];
     if (e.kind == capture::Kind::kRequest) {
@@ -211,15 +213,23 @@ void ReplayApi::play(size_t from) {
       cv_.wait_for(lock, std::chrono::milliseconds(kRequestWaitMs), [&] { return e.consumed || stop_.load(); });
       base_wall = Clock::now();
       base_ns = e.ns;
+      after_request = true;
       continue;
     }
-    if (speed_ > 0 && e.ns > base_ns) {
-      auto due = base_wall + std::chrono::nanoseconds(static_cast<int64_t>((e.ns - base_ns) / speed_));
+    // Even at full speed, the first callback after a request keeps its
+    // recorded distance (up to kSettleNs): the library finishes a request
+    // (a subscriber registered) after the call returns, and a record that
+    // came sooner would meet a state the recorded one did not.
+    uint64_t gap = e.ns > base_ns ? e.ns - base_ns : 0;
+    if (speed_ == 0 && after_request) gap = std::min<uint64_t>(gap, kSettleNs);
+    if ((speed_ > 0 || after_request) && gap > 0) {
+      auto due = base_wall + std::chrono::nanoseconds(static_cast<int64_t>(gap / (speed_ > 0 ? speed_ : 1)));
       if (due > Clock::now()) {
         std::unique_lock<std::mutex> lock(mu_);
         cv_.wait_until(lock, due, [&] { return stop_.load(); });
       }
     }
+    after_request = false;
     if (CDataApiCallBack* callback = callback_.load()) deliver(e, callback);
   }
   std::lock_guard<std::mutex> lock(mu_);

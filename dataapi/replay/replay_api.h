@@ -32,6 +32,7 @@ class ReplayApi final : public CDataApi {
   // How long the player waits for the library to send a recorded request
   // before it goes on without it (a host that asks less than the recorded one).
   static constexpr int kRequestWaitMs = 2000;
+  static constexpr uint64_t kSettleNs = 2000000;
 
   // Loads the capture at path, to be played at speed times the recorded
   // pace (0: as fast as the library takes it). False with error set for a
