@@ -1,5 +1,6 @@
 #include "capture/recorder.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <filesystem>
