@@ -36,9 +36,14 @@ const char kUsage[] =
 void SetCapture(bool on) {
   const char* path = "ini/KELQuoteCapture.config";
   if (!on && !std::filesystem::exists(path)) return;
-  std::ofstream(path, std::ios::binary) << "# Written by kelquote_demo.\nenabled = " << (on ? "true" : "false")
-                                        << "\nfolder = ../userdata/capture\n";
-  if (on) std::printf("[demo] the session is recorded in ../userdata/capture/\n");
+  std::ofstream out(path, std::ios::binary);
+  out << "# Written by kelquote_demo.\nenabled = " << (on ? "true" : "false") << "\nfolder = ../userdata/capture\n";
+  out.close();
+  if (!out) {
+    std::printf("[demo] cannot write %s: the session is not recorded\n", path);
+  } else if (on) {
+    std::printf("[demo] the session is recorded in ../userdata/capture/\n");
+  }
 }
 
 // Outside every session of the simulated markets, their clock starts at
