@@ -247,6 +247,8 @@ class DvDataMgr {
   void enter_blocked();
   void end_timer_thread();
   void seed_markets();
+  // Reads the capture setting; when it is on, requests go through a recorder.
+  void init_capture();
 
   struct Level2Stream {
     const char* function;
@@ -281,7 +283,6 @@ class DvDataMgr {
   std::unique_ptr<CaptureRecorder> capture_owned_;
   std::unique_ptr<CaptureApi> capture_api_;
   std::atomic<CaptureRecorder*> capture_{nullptr};
-  void init_capture();
   std::atomic<KelQuoteClient*> client_{nullptr};
   CMyCallBackPro callback_;
   ServerTable servers_;
