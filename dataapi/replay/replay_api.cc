@@ -81,6 +81,8 @@ bool ReplayApi::open(const std::string& path, double speed, std::string* error) 
     if (events_[i].kind == capture::Kind::kRequest) pending_[events_[i].code].push_back(i);
   }
   speed_ = speed;
+  connects_in_file_ = pending_.count(capture::kConnect) != 0;
+  played_ = false;
   loaded_ = true;
   done_ = false;
   return true;
@@ -159,10 +161,20 @@ int ReplayApi::Connect(ConnectResult* result) {
   {
     std::lock_guard<std::mutex> lock(mu_);
     index = match(capture::kConnect, nullptr, 0);
+    if (index < 0 && !connects_in_file_ && !played_) {
+      // A later file of a rolled session starts connected.
+      played_ = true;
+      done_ = false;
+      if (result != nullptr) *result = ConnectResult{0, 0, 0};
+      stop_.store(false);
+      player_ = std::thread([this] { play(0); });
+      return 0;
+    }
     if (index < 0) {
       if (result != nullptr) *result = ConnectResult{-1, 0, 0};
       return -1;
     }
+    played_ = true;
     Event& e = events_[static_cast<size_t>(index)];
     e.consumed = true;
     rc = e.result;

@@ -133,6 +133,8 @@ class ReplayApi final : public CDataApi {
   std::mutex mu_;
   std::condition_variable cv_;
   bool loaded_ = false;
+  bool connects_in_file_ = false;
+  bool played_ = false;  // a connect started the player since the file was opened
   double speed_ = 1;
   std::vector<Event> events_;
   std::vector<uint8_t> bytes_;

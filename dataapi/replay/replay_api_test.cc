@@ -130,6 +130,23 @@ TEST(ReplayApiTest, AnswersRequestsWithTheirRecordedRepliesUnderTheLibrarysIds) 
   EXPECT_EQ(api.ReqBalanceSheet(&asked), -1);  // each recorded request answers once
 }
 
+// A later file of a rolled session: no connect in it, nothing to wait for.
+TEST(ReplayApiTest, AFileWithoutAConnectPlaysFromItsStartOnce) {
+  testkit::WorkDir dir;
+  CaptureWriter w;
+  w.callback(3, testkit::bytes_of(testkit::l1_tick(2, "600000", 93000, 10)));
+  ReplayApi api;
+  std::string error;
+  ASSERT_TRUE(api.open(w.write(dir.path()), 0, &error)) << error;
+  Sink sink;
+  api.RegisterServer(nullptr, &sink);
+  ASSERT_EQ(api.Connect(nullptr), 0);
+  ASSERT_TRUE(api.wait_done(5000));
+  EXPECT_EQ(api.Connect(nullptr), -1);  // the file has nothing after its end
+  std::lock_guard<std::mutex> lock(sink.mu);
+  EXPECT_EQ(sink.got, std::vector<std::string>{"tick 600000"});
+}
+
 TEST(ReplayApiTest, ABadFileOrSpeedRefusesTheConnectWithTheReason) {
   testkit::WorkDir dir;
   ReplayApi api;
