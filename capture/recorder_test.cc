@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "capture/capture_file.h"
+#include "capture/catalog.h"
 #include "datamgr/DvDataMgr.h"
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
@@ -139,6 +140,35 @@ TEST(CaptureSessionTest, RecordsRequestsAndCallbacksOfASession) {
   EXPECT_LT(at("1:3"), at("1:40"));
   EXPECT_EQ(seen[seen.size() - 2], "2:53");
   EXPECT_EQ(seen.back(), "3:53");
+}
+
+// The replay calls a record back through the slot it was recorded under.
+TEST(CaptureSessionTest, EachCallbackIsRecordedUnderItsOwnSlot) {
+  testkit::WorkDir dir;
+  dir.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
+                                                 testkit::servers_xml(1) + "</history>"));
+  dir.write("ini/KELQuoteCapture.config", "enabled = true\n");
+  testkit::FakeDataApi api;
+  DvDataMgr mgr;
+  mgr.set_api(&api);
+  mgr.set_processor_count(2);
+  mgr.set_message_hook([](uint32_t, void*, size_t) {});  // counts of 0: nothing for the handlers
+  ASSERT_TRUE(mgr.init(true));
+  ASSERT_TRUE(mgr.start());
+  std::vector<uint8_t> zeros(4096);
+  std::vector<int> called;
+  for (int slot = 0; slot < capture::kSlots; ++slot) {
+    if (capture::Callback fn = capture::slot_callback(slot)) {
+      (mgr.callback()->*fn)(zeros.data());
+      called.push_back(slot);
+    }
+  }
+  mgr.stop();
+  std::vector<int> recorded;
+  for (const capture::Record& r : ReadAll(mgr.capture()->path())) {
+    if (r.kind == capture::Kind::kCallback) recorded.push_back(r.code);
+  }
+  EXPECT_EQ(recorded, called);
 }
 
 TEST(CaptureSessionTest, ABadSettingIsLoggedAndLeavesCaptureOff) {
