@@ -6,10 +6,11 @@
 
 namespace bench {
 
-Pipeline::Pipeline(int sh_instruments) {
+Pipeline::Pipeline(int sh_instruments, bool capture, CDataApi* api) {
   dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
                                                   testkit::servers_xml(1) + "</history>"));
-  mgr_.set_api(&api_);
+  if (capture) dir_.write("ini/KELQuoteCapture.config", "enabled = true\n");
+  mgr_.set_api(api != nullptr ? api : &api_);
   client_.attach_data_manager(&mgr_);
   mgr_.init(true);
   std::vector<ApiCodeInit> codes;

@@ -26,8 +26,9 @@ inline int64_t NowNs() {
 
 class Pipeline {
  public:
-  // SH gets instruments 600000 + i for i < sh_instruments.
-  explicit Pipeline(int sh_instruments = 1);
+  // SH gets instruments 600000 + i for i < sh_instruments. With capture,
+  // the deployment's setting turns capture on; api replaces the fake vendor.
+  explicit Pipeline(int sh_instruments = 1, bool capture = false, CDataApi* api = nullptr);
   ~Pipeline();
 
   tavr::DvDataMgr& mgr() { return mgr_; }

@@ -18,9 +18,10 @@ ApiL1Tick Tick(const std::string& code, uint32_t seq) {
   return tick;
 }
 
-// Level-1 snapshots per second, one subscriber, as fast as the vendor sends.
+// Level-1 snapshots per second, one subscriber, as fast as the vendor sends;
+// the second argument turns capture on.
 void BM_L1Throughput(benchmark::State& state) {
-  Pipeline pipeline;
+  Pipeline pipeline(1, state.range(1) != 0);
   std::atomic<int64_t> received{0};
   pipeline.subscribe("600000", 3000, [&](se::EQuoteSubStatus, const tavr::QuoteRecords&, se::EDataArrivedTag) {
     received.fetch_add(1, std::memory_order_release);
@@ -35,12 +36,17 @@ void BM_L1Throughput(benchmark::State& state) {
   }
   state.SetItemsProcessed(sent);
 }
-BENCHMARK(BM_L1Throughput)->Arg(100000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_L1Throughput)
+    ->ArgNames({"n", "capture"})
+    ->Args({100000, 0})
+    ->Args({100000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // Callback return time and vendor-to-host latency at a steady 100,000
-// snapshots per second.
+// snapshots per second; the second argument turns capture on.
 void BM_L1Latency(benchmark::State& state) {
-  Pipeline pipeline;
+  Pipeline pipeline(1, state.range(1) != 0);
   const int64_t per_second = 100000;
   const int64_t count = state.range(0);
   std::vector<int64_t> sent_at(static_cast<size_t>(count));
@@ -73,7 +79,13 @@ void BM_L1Latency(benchmark::State& state) {
   state.counters["host_p50_ns"] = static_cast<double>(Quantile(latency, 0.5));
   state.counters["host_p99_ns"] = static_cast<double>(Quantile(latency, 0.99));
 }
-BENCHMARK(BM_L1Latency)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_L1Latency)
+    ->ArgNames({"n", "capture"})
+    ->Args({200000, 0})
+    ->Args({200000, 1})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // One whole-market package of 5,000 SH snapshots.
 void BM_MarketPackage(benchmark::State& state) {

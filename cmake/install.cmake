@@ -5,8 +5,10 @@
 #            kelquote.pc
 #   sim      the simulated quote service (DataApi), the configuration
 #            stand-in (uaAuth), the service's control header, a configuration
-#            for it, and their CMake targets and kelquote-sim.pc. A deployment
-#            leaves this out and puts the vendor's libraries in its place.
+#            for it, and their CMake targets and kelquote-sim.pc; the replay
+#            service, a DataApi of its own in lib/kelquote-replay/ (Windows:
+#            bin/replay/). A deployment leaves this out and puts the vendor's
+#            libraries in its place.
 include(CMakePackageConfigHelpers)
 
 set(KELQUOTE_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kelquote)
@@ -20,6 +22,10 @@ install(TARGETS DataApi uaAuth EXPORT kelquote-sim-targets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT sim
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sim
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sim)
+# Under the vendor's name, beside nothing that would load it by mistake.
+install(TARGETS DataApiReplay
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}/replay COMPONENT sim
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/kelquote-replay COMPONENT sim)
 
 # Headers keep the paths they are included by: "kelquote/...", "quoter/quoter.h", "utils/utils.h".
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kelquote DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev

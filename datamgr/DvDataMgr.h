@@ -33,6 +33,8 @@
 namespace tavr {
 
 class KelQuoteClient;
+class CaptureRecorder;
+class CaptureApi;
 struct TickRoute;
 
 // One queued vendor callback. The envelope owns data, a malloc'd copy of the
@@ -204,6 +206,9 @@ class DvDataMgr {
   void set_client(KelQuoteClient* client) { client_.store(client, std::memory_order_release); }
 
   CDataApi* api() const { return api_; }
+  // The recorder when the deployment's setting turned capture on at init;
+  // null otherwise. Any thread.
+  CaptureRecorder* capture() const { return capture_.load(std::memory_order_acquire); }
   CMyCallBackPro* callback() { return &callback_; }
   MarketTable& markets() { return markets_; }
   Calendar& calendar() { return calendar_; }
@@ -247,6 +252,8 @@ class DvDataMgr {
   void enter_blocked();
   void end_timer_thread();
   void seed_markets();
+  // Reads the capture setting; when it is on, requests go through a recorder.
+  void init_capture();
 
   struct Level2Stream {
     const char* function;
@@ -276,6 +283,11 @@ class DvDataMgr {
   std::atomic<bool> stop_pending_{false};
   bool inited_ = false;
   CDataApi* api_ = nullptr;
+  // While capturing, api_ is capture_api_, which passes every request on to
+  // the vendor's object.
+  std::unique_ptr<CaptureRecorder> capture_owned_;
+  std::unique_ptr<CaptureApi> capture_api_;
+  std::atomic<CaptureRecorder*> capture_{nullptr};
   std::atomic<KelQuoteClient*> client_{nullptr};
   CMyCallBackPro callback_;
   ServerTable servers_;

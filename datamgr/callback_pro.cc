@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "capture/recorder.h"
 #include "datamgr/DvDataMgr.h"
 #include "log/MyLog.h"
 
@@ -16,58 +17,58 @@ namespace {
 
 using Shape = CopyRule::Shape;
 
-// name, type, shape, head, elem, count offset, u16, u32, spare byte(s)
-constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, Shape::kHeadPlus, 132, 84, 44, false, false, 1};
-constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, Shape::kHeadPlus, 107, 98, 5, false, false, 1};
-constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
-constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 4, Shape::kFixed, 249, 0, 0, false, false, 1,
+// name, slot, type, shape, head, elem, count offset, u16, u32, spare byte(s)
+constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, 0, Shape::kHeadPlus, 132, 84, 44, false, false, 1};
+constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, 1, Shape::kHeadPlus, 107, 98, 5, false, false, 1};
+constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 2, 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
+constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 3, 4, Shape::kFixed, 249, 0, 0, false, false, 1,
                            CopyRule::Key::kTickL1};
-constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 13, Shape::kHisData, 62, 0, 50, false, false, 1,
+constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 4, 13, Shape::kHisData, 62, 0, 50, false, false, 1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
-constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
-constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
-constexpr CopyRule kHotListData{"CMyCallBackPro::OnRespHotListData", 18, Shape::kHeadPlus, 158, 148, 6, false, false,
+constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 5, 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
+constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 6, 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
+constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 7, 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
+constexpr CopyRule kHotListData{"CMyCallBackPro::OnRespHotListData", 8, 18, Shape::kHeadPlus, 158, 148, 6, false, false,
                                 1};
-constexpr CopyRule kHotList{"CMyCallBackPro::OnHotList", 19, Shape::kHeadPlus, 156, 148, 4, false, false, 1};
-constexpr CopyRule kMarketStatus{"CMyCallBackPro::OnMarketStatus", 2, Shape::kFixed, 13, 0, 0, false, false, 1};
-constexpr CopyRule kHisDataCount{"CMyCallBackPro::OnRespHisDataCount", 14, Shape::kHeadPlus, 54, 8, 42, false, false,
+constexpr CopyRule kHotList{"CMyCallBackPro::OnHotList", 9, 19, Shape::kHeadPlus, 156, 148, 4, false, false, 1};
+constexpr CopyRule kMarketStatus{"CMyCallBackPro::OnMarketStatus", 10, 2, Shape::kFixed, 13, 0, 0, false, false, 1};
+constexpr CopyRule kHisDataCount{"CMyCallBackPro::OnRespHisDataCount", 11, 14, Shape::kHeadPlus, 54, 8, 42, false, false,
                                  0};
-constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 25, Shape::kHeadPlus, 5, 1, 0, false, true, 1};
-constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 24, Shape::kFixed, 8, 0, 0, false, false, 1};
-constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 25, Shape::kHeadPlus, 140, 136, 0, false, false,
+constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 12, 25, Shape::kHeadPlus, 5, 1, 0, false, true, 1};
+constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 17, 24, Shape::kFixed, 8, 0, 0, false, false, 1};
+constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 18, 25, Shape::kHeadPlus, 140, 136, 0, false, false,
                               1};
-constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 6, Shape::kLevel2, 8, 504, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 7, Shape::kLevel2, 8, 108, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 8, Shape::kLevel2, 8, 79, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 9, Shape::kLevel2, 8, 62, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 10, Shape::kLevel2, 8, 864, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 30, Shape::kHeadPlus, 338, 296, 38, false, false, 1};
-constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 31, Shape::kHeadPlus, 30, 16, 10, false, false, 1};
-constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 32, Shape::kFixed, 326, 0, 0, false, false, 1};
-constexpr CopyRule kLatestShare{"CMyCallBackPro::OnRespLatestShareData", 33, Shape::kHeadPlus, 74, 64, 6, false,
+constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 22, 6, Shape::kLevel2, 8, 504, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 23, 7, Shape::kLevel2, 8, 108, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 24, 8, Shape::kLevel2, 8, 79, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 25, 9, Shape::kLevel2, 8, 62, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 26, 10, Shape::kLevel2, 8, 864, 4, false, false, 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 29, 30, Shape::kHeadPlus, 338, 296, 38, false, false, 1};
+constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 30, 31, Shape::kHeadPlus, 30, 16, 10, false, false, 1};
+constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 31, 32, Shape::kFixed, 326, 0, 0, false, false, 1};
+constexpr CopyRule kLatestShare{"CMyCallBackPro::OnRespLatestShareData", 32, 33, Shape::kHeadPlus, 74, 64, 6, false,
                                 false, 1};
-constexpr CopyRule kFinancial{"CMyCallBackPro::OnRespFinancialData", 34, Shape::kHeadPlus, 614, 572, 38, false, false,
+constexpr CopyRule kFinancial{"CMyCallBackPro::OnRespFinancialData", 33, 34, Shape::kHeadPlus, 614, 572, 38, false, false,
                               1};
-constexpr CopyRule kIncome{"CMyCallBackPro::OnRespIncomeStatData", 35, Shape::kHeadPlus, 581, 539, 38, false, false,
+constexpr CopyRule kIncome{"CMyCallBackPro::OnRespIncomeStatData", 34, 35, Shape::kHeadPlus, 581, 539, 38, false, false,
                            1};
-constexpr CopyRule kCashFlow{"CMyCallBackPro::OnRespCashFlowData", 36, Shape::kHeadPlus, 733, 691, 38, false, false,
+constexpr CopyRule kCashFlow{"CMyCallBackPro::OnRespCashFlowData", 35, 36, Shape::kHeadPlus, 733, 691, 38, false, false,
                              1};
-constexpr CopyRule kBalance{"CMyCallBackPro::OnRespBalanceSheetData", 37, Shape::kHeadPlus, 837, 795, 38, false,
+constexpr CopyRule kBalance{"CMyCallBackPro::OnRespBalanceSheetData", 36, 37, Shape::kHeadPlus, 837, 795, 38, false,
                             false, 1};
-constexpr CopyRule kSHNumber{"CMyCallBackPro::OnRespSHNumberData", 38, Shape::kHeadPlus, 122, 80, 38, false, false,
+constexpr CopyRule kSHNumber{"CMyCallBackPro::OnRespSHNumberData", 37, 38, Shape::kHeadPlus, 122, 80, 38, false, false,
                              1};
-constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 39, Shape::kHeadPlus, 2242, 2200, 38,
+constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 38, 39, Shape::kHeadPlus, 2242, 2200, 38,
                                false, false, 1};
-constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 40, Shape::kHeadPlus, 2242, 2200,
+constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 39, 40, Shape::kHeadPlus, 2242, 2200,
                                38, false, false, 1};
-constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 12, Shape::kHeadPlus, 138, 80, 54, false, false,
+constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 45, 12, Shape::kHeadPlus, 138, 80, 54, false, false,
                             1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 11, Shape::kHeadPlus, 272, 214, 54, false, false,
+constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 46, 11, Shape::kHeadPlus, 272, 214, 54, false, false,
                               1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 5, Shape::kHeadPlus, 255, 249, 2, false,
+constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 47, 5, Shape::kHeadPlus, 255, 249, 2, false,
                                false, 1,
                                CopyRule::Key::kMarket};
 
@@ -169,6 +170,7 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
     return -1;
   }
   std::memcpy(msg->data, record, size);
+  if (CaptureRecorder* capture = mgr_->capture()) capture->callback(rule.slot, record, size);
   msg->msg_type = rule.msg_type;
   msg->size = size;
   msg->key = ordering_key(rule.key, msg->data, size);
@@ -251,6 +253,10 @@ int CMyCallBackPro::OnRespMarketPushData(const void* r) {
 }
 
 int CMyCallBackPro::OnConnectStatus(int server, int status) {
+  if (CaptureRecorder* capture = mgr_->capture()) {
+    int32_t both[2] = {server, status};
+    capture->callback(40, both, sizeof(both));
+  }
   mgr_->on_connect_status(server, status);
   return 0;
 }

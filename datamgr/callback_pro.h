@@ -23,6 +23,7 @@ struct CopyRule {
     kHisData,   // 63 when n <= 0; 62 + n x 21 when the field at 46 is 14, else 62 + n x 48
   };
   const char* name;      // qualified operation name, for the log
+  uint8_t slot;          // position in the callback interface, for capture
   uint32_t msg_type;
   Shape shape;
   size_t head;

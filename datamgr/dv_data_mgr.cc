@@ -4,6 +4,9 @@
 #include <cstdlib>
 #include <exception>
 
+#include "capture/capture_api.h"
+#include "capture/capture_settings.h"
+#include "capture/recorder.h"
 #include "log/MyLog.h"
 #include "log/sized_rolling_appender.h"
 #include "realtime/tick_routes.h"
@@ -30,6 +33,15 @@ bool daily_job_due(int64_t now, int last_date) {
 DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}
 
 DvDataMgr::~DvDataMgr() { stop(); }
+
+void DvDataMgr::init_capture() {
+  CaptureSettings settings = read_capture_settings(port::CaptureConfigPath());
+  if (!settings.enabled || api_ == nullptr) return;
+  capture_owned_ = std::make_unique<CaptureRecorder>(settings);
+  capture_api_ = std::make_unique<CaptureApi>(api_, capture_owned_.get());
+  api_ = capture_api_.get();
+  capture_.store(capture_owned_.get(), std::memory_order_release);
+}
 
 void DvDataMgr::seed_markets() {
   markets_.add_market("SH", 19901219, 20170222);
@@ -90,6 +102,7 @@ bool DvDataMgr::init(bool isReal) {
                    "init===================================",
                    kVersion);
   if (api_ == nullptr) api_ = GetApiInstance();
+  if (capture_api_ == nullptr) init_capture();
   if (!init_cfg(isReal)) {
     CMyLog::PrintLog(LOG_ERROR, "DvDataMgr::init", "Fail to initialize Dravik config....");
     return false;
@@ -122,6 +135,8 @@ bool DvDataMgr::start() {
     for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
   }
 
+  // A session's capture runs from its first connect to its stop.
+  if (!threads_run && capture() != nullptr) capture()->begin();
   ConnectResult result{0, 0, 0};
   int rc = api_ != nullptr ? api_->Connect(&result) : -1;
   if (rc != 0) {
@@ -131,6 +146,7 @@ bool DvDataMgr::start() {
     running_.store(false);
     end_service_threads();
     if (threads_run) end_timer_thread();
+    if (capture() != nullptr) capture()->end();
     return false;
   }
   // The vendor gave up while connecting: the connection failed after all.
@@ -188,6 +204,7 @@ void DvDataMgr::stop_locked() {
   running_.store(false);
   end_service_threads();
   end_timer_thread();
+  if (capture() != nullptr) capture()->end();
   markets_.clear_codes();
   {
     std::lock_guard<std::mutex> calendar_lock(calendar_.mu);

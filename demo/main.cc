@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -14,50 +16,35 @@
 #include "kelquote/KelQuoteClient.h"
 #include "utils/utils.h"
 
-namespace demo {
-
-std::string Utf8(const std::string& gbk) { return utils::safeGbk2Utf8(gbk); }
-
-namespace {
-
-// Columns a code point takes on a terminal: two for the East Asian wide and
-// full-width ranges, else one.
-size_t Columns(char32_t c) {
-  return (c >= 0x1100 && c <= 0x115F) || (c >= 0x2E80 && c <= 0xA4CF && c != 0x303F) ||
-                 (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0xF900 && c <= 0xFAFF) || (c >= 0xFE30 && c <= 0xFE4F) ||
-                 (c >= 0xFF00 && c <= 0xFF60) || (c >= 0xFFE0 && c <= 0xFFE6) || (c >= 0x20000 && c <= 0x3FFFD)
-             ? 2
-             : 1;
-}
-
-}  // namespace
-
-std::string Pad(const std::string& utf8, size_t width) {
-  size_t columns = 0;
-  for (size_t i = 0; i < utf8.size();) {
-    auto lead = static_cast<unsigned char>(utf8[i]);
-    size_t length = lead < 0x80 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
-    char32_t c = length == 1 ? lead : lead & (0x7F >> length);
-    for (size_t k = 1; k < length && i + k < utf8.size(); ++k) c = (c << 6) | (utf8[i + k] & 0x3F);
-    columns += Columns(c);
-    i += length;
-  }
-  return columns < width ? utf8 + std::string(width - columns, ' ') : utf8;
-}
-
-}  // namespace demo
 
 namespace {
 
 const char kUsage[] =
-    "usage: kelquote_demo [--fail-connect] [--outage] [--seconds N] [--wall-clock]\n"
+    "usage: kelquote_demo [--fail-connect] [--outage] [--seconds N] [--wall-clock] [--capture]\n"
     "  Run from a folder holding dravikcfg.dat and ini/, beside ../userdata/log/.\n"
     "  --fail-connect  the simulated service refuses the connection: the login fails\n"
     "  --outage        after login the quote connection drops for a second and comes back\n"
     "  --seconds N     how long the live table runs (default 5)\n"
     "  --wall-clock    the simulated markets follow the wall clock, closed outside their\n"
     "                  sessions (by default, outside every session they run at 10:00 of\n"
-    "                  the last trading day)\n";
+    "                  the last trading day)\n"
+    "  --capture       record the session in ../userdata/capture/ (turns the setting\n"
+    "                  ini/KELQuoteCapture.config on; without the flag an existing one is\n"
+    "                  turned off)\n";
+
+// The library reads its capture setting at login; the demo writes it first.
+void SetCapture(bool on) {
+  const char* path = "ini/KELQuoteCapture.config";
+  if (!on && !std::filesystem::exists(path)) return;
+  std::ofstream out(path, std::ios::binary);
+  out << "# Written by kelquote_demo.\nenabled = " << (on ? "true" : "false") << "\nfolder = ../userdata/capture\n";
+  out.close();
+  if (!out) {
+    std::printf("[demo] cannot write %s: the session is not recorded\n", path);
+  } else if (on) {
+    std::printf("[demo] the session is recorded in ../userdata/capture/\n");
+  }
+}
 
 // Outside every session of the simulated markets, their clock starts at
 // 10:00 of the last trading day, so that the live table shows trading.
@@ -107,7 +94,7 @@ class Reports {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool fail_connect = false, outage = false, wall_clock = false;
+  bool fail_connect = false, outage = false, wall_clock = false, capture = false;
   int seconds = 5;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--fail-connect") == 0) {
@@ -118,12 +105,15 @@ int main(int argc, char** argv) {
       outage = true;
     } else if (std::strcmp(argv[i], "--wall-clock") == 0) {
       wall_clock = true;
+    } else if (std::strcmp(argv[i], "--capture") == 0) {
+      capture = true;
     } else {
       std::fputs(kUsage, std::strcmp(argv[i], "--help") == 0 ? stdout : stderr);
       return std::strcmp(argv[i], "--help") == 0 ? 0 : 2;
     }
   }
   PickClock(wall_clock);
+  SetCapture(capture);
   std::fflush(stdout);
   if (fail_connect) SimRefuseConnect(1);
 

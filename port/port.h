@@ -135,6 +135,11 @@ std::time_t MakeLocalTime(std::tm* tm);
 bool FileExists(const std::string& path);
 // Where the log configuration lives, relative to the working directory.
 const char* LogConfigPath();
+// Where the capture setting lives, relative to the working directory.
+const char* CaptureConfigPath();
+
+// Sets an environment variable of the process; false when it cannot.
+bool SetEnvironment(const char* name, const char* value);
 
 // GBK (code page 936) to UTF-8. Returns false when the input is not valid GBK.
 bool GbkToUtf8(const std::string& gbk, std::string* utf8);

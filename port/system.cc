@@ -1,4 +1,5 @@
 // Everything here that differs between Windows and POSIX.
+#include <cstdlib>
 #include <filesystem>
 #include <thread>
 #include <unordered_map>
@@ -200,6 +201,22 @@ const char* LogConfigPath() {
   return ".\\ini\\KELQuoteLog.config";
 #else
   return "./ini/KELQuoteLog.config";
+#endif
+}
+
+const char* CaptureConfigPath() {
+#if defined(_WIN32)
+  return ".\\ini\\KELQuoteCapture.config";
+#else
+  return "./ini/KELQuoteCapture.config";
+#endif
+}
+
+bool SetEnvironment(const char* name, const char* value) {
+#if defined(_WIN32)
+  return _putenv_s(name, value) == 0;
+#else
+  return setenv(name, value, 1) == 0;
 #endif
 }
 

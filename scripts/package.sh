@@ -2,7 +2,8 @@
 # Builds the Debian packages into build/release/packages/:
 #   libkelquote2     libkelquote, libquoter, libutils
 #   libkelquote-dev  headers, CMake package, kelquote.pc
-#   kelquote-sim     the simulated quote service and the configuration reader
+#   kelquote-sim     the simulated quote service, the replay service and the
+#                    configuration reader
 # Uses the regular build of scripts/test.sh (build/release) and builds only
 # the libraries in it.
 set -euo pipefail
@@ -10,7 +11,7 @@ cd "$(dirname "$0")/.."
 build=build/release
 # dpkg-shlibdeps and file work out the runtime package's dependencies.
 scripts/install-deps.sh dpkg-dev file
-scripts/build.sh release -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON -- kelquote DataApi uaAuth >/dev/null
+scripts/build.sh release -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON -- kelquote DataApi DataApiReplay uaAuth >/dev/null
 rm -f "$build"/packages/*.deb
 out=$(cd "$build" && cpack -G DEB 2>&1) || { echo "$out" >&2; exit 1; }
 ls -1 "$build"/packages/*.deb
