@@ -63,23 +63,6 @@ class CaptureApi final : public CDataApi {
     return Call(35, r, &CDataApi::ReqNegotiableShareHolder, r);
   }
   // The library never calls these; their records' sizes are the vendor's secret.
-  int ReqUnused36(const void* r) override { return vendor_->ReqUnused36(r); }
-  int ReqUnused37(const void* r) override { return vendor_->ReqUnused37(r); }
-  int ReqUnused38(const void* r) override { return vendor_->ReqUnused38(r); }
-  int ReqUnused39(const void* r) override { return vendor_->ReqUnused39(r); }
-  int ReqUnused40(const void* r) override { return vendor_->ReqUnused40(r); }
-  int ReqUnused41(const void* r) override { return vendor_->ReqUnused41(r); }
-  int ReqUnused42(const void* r) override { return vendor_->ReqUnused42(r); }
-  int ReqUnused43(const void* r) override { return vendor_->ReqUnused43(r); }
-  int ReqUnused44(const void* r) override { return vendor_->ReqUnused44(r); }
-  int ReqUnused45(const void* r) override { return vendor_->ReqUnused45(r); }
-  int ReqUnused46(const void* r) override { return vendor_->ReqUnused46(r); }
-  int ReqUnused47(const void* r) override { return vendor_->ReqUnused47(r); }
-  int ReqUnused48(const void* r) override { return vendor_->ReqUnused48(r); }
-  int ReqUnused49(const void* r) override { return vendor_->ReqUnused49(r); }
-  int ReqUnused50(const void* r) override { return vendor_->ReqUnused50(r); }
-  int ReqUnused51(const void* r) override { return vendor_->ReqUnused51(r); }
-  int ReqUnused52(const void* r) override { return vendor_->ReqUnused52(r); }
   int Release() override { return CallBytes(53, nullptr, 0, &CDataApi::Release); }
   int SubscribeMarketPush(const ApiMarketItem* item) override {
     return Call(54, item, &CDataApi::SubscribeMarketPush, item);

@@ -87,24 +87,25 @@ class CDataApi {
   /* 33 */ virtual int ReqSHNumber(const FinanceRequest* request) = 0;
   /* 34 */ virtual int ReqMostShareHolder(const FinanceRequest* request) = 0;
   /* 35 */ virtual int ReqNegotiableShareHolder(const FinanceRequest* request) = 0;
-  // 36 to 52: operations of the service that this library does not use.
-  /* 36 */ virtual int ReqUnused36(const void* request) = 0;
-  /* 37 */ virtual int ReqUnused37(const void* request) = 0;
-  /* 38 */ virtual int ReqUnused38(const void* request) = 0;
-  /* 39 */ virtual int ReqUnused39(const void* request) = 0;
-  /* 40 */ virtual int ReqUnused40(const void* request) = 0;
-  /* 41 */ virtual int ReqUnused41(const void* request) = 0;
-  /* 42 */ virtual int ReqUnused42(const void* request) = 0;
-  /* 43 */ virtual int ReqUnused43(const void* request) = 0;
-  /* 44 */ virtual int ReqUnused44(const void* request) = 0;
-  /* 45 */ virtual int ReqUnused45(const void* request) = 0;
-  /* 46 */ virtual int ReqUnused46(const void* request) = 0;
-  /* 47 */ virtual int ReqUnused47(const void* request) = 0;
-  /* 48 */ virtual int ReqUnused48(const void* request) = 0;
-  /* 49 */ virtual int ReqUnused49(const void* request) = 0;
-  /* 50 */ virtual int ReqUnused50(const void* request) = 0;
-  /* 51 */ virtual int ReqUnused51(const void* request) = 0;
-  /* 52 */ virtual int ReqUnused52(const void* request) = 0;
+  // 36 to 52: operations of the service that this library does not use;
+  // a stand-in refuses them.
+  /* 36 */ virtual int ReqUnused36(const void*) { return -1; }
+  /* 37 */ virtual int ReqUnused37(const void*) { return -1; }
+  /* 38 */ virtual int ReqUnused38(const void*) { return -1; }
+  /* 39 */ virtual int ReqUnused39(const void*) { return -1; }
+  /* 40 */ virtual int ReqUnused40(const void*) { return -1; }
+  /* 41 */ virtual int ReqUnused41(const void*) { return -1; }
+  /* 42 */ virtual int ReqUnused42(const void*) { return -1; }
+  /* 43 */ virtual int ReqUnused43(const void*) { return -1; }
+  /* 44 */ virtual int ReqUnused44(const void*) { return -1; }
+  /* 45 */ virtual int ReqUnused45(const void*) { return -1; }
+  /* 46 */ virtual int ReqUnused46(const void*) { return -1; }
+  /* 47 */ virtual int ReqUnused47(const void*) { return -1; }
+  /* 48 */ virtual int ReqUnused48(const void*) { return -1; }
+  /* 49 */ virtual int ReqUnused49(const void*) { return -1; }
+  /* 50 */ virtual int ReqUnused50(const void*) { return -1; }
+  /* 51 */ virtual int ReqUnused51(const void*) { return -1; }
+  /* 52 */ virtual int ReqUnused52(const void*) { return -1; }
   // Disconnects from every server; the object stays usable for a new connect.
   /* 53 */ virtual int Release() = 0;
   /* 54 */ virtual int SubscribeMarketPush(const ApiMarketItem* item) = 0;

@@ -79,23 +79,6 @@ class FakeDataApi final : public CDataApi {
   int ReqNegotiableShareHolder(const FinanceRequest* r) override {
     return Rec("ReqNegotiableShareHolder", r, sizeof(*r));
   }
-  int ReqUnused36(const void*) override { return Int("ReqUnused36", 0); }
-  int ReqUnused37(const void*) override { return Int("ReqUnused37", 0); }
-  int ReqUnused38(const void*) override { return Int("ReqUnused38", 0); }
-  int ReqUnused39(const void*) override { return Int("ReqUnused39", 0); }
-  int ReqUnused40(const void*) override { return Int("ReqUnused40", 0); }
-  int ReqUnused41(const void*) override { return Int("ReqUnused41", 0); }
-  int ReqUnused42(const void*) override { return Int("ReqUnused42", 0); }
-  int ReqUnused43(const void*) override { return Int("ReqUnused43", 0); }
-  int ReqUnused44(const void*) override { return Int("ReqUnused44", 0); }
-  int ReqUnused45(const void*) override { return Int("ReqUnused45", 0); }
-  int ReqUnused46(const void*) override { return Int("ReqUnused46", 0); }
-  int ReqUnused47(const void*) override { return Int("ReqUnused47", 0); }
-  int ReqUnused48(const void*) override { return Int("ReqUnused48", 0); }
-  int ReqUnused49(const void*) override { return Int("ReqUnused49", 0); }
-  int ReqUnused50(const void*) override { return Int("ReqUnused50", 0); }
-  int ReqUnused51(const void*) override { return Int("ReqUnused51", 0); }
-  int ReqUnused52(const void*) override { return Int("ReqUnused52", 0); }
   int Release() override { return Int("Release", 0); }
   int SubscribeMarketPush(const ApiMarketItem* i) override { return Rec("SubscribeMarketPush", i, sizeof(*i)); }
   int UnsubscribeMarketPush(const ApiMarketItem* i) override {

@@ -82,23 +82,6 @@ class ReplayApi final : public CDataApi {
   int ReqSHNumber(const FinanceRequest* r) override { return request_record(33, r); }
   int ReqMostShareHolder(const FinanceRequest* r) override { return request_record(34, r); }
   int ReqNegotiableShareHolder(const FinanceRequest* r) override { return request_record(35, r); }
-  int ReqUnused36(const void*) override { return -1; }
-  int ReqUnused37(const void*) override { return -1; }
-  int ReqUnused38(const void*) override { return -1; }
-  int ReqUnused39(const void*) override { return -1; }
-  int ReqUnused40(const void*) override { return -1; }
-  int ReqUnused41(const void*) override { return -1; }
-  int ReqUnused42(const void*) override { return -1; }
-  int ReqUnused43(const void*) override { return -1; }
-  int ReqUnused44(const void*) override { return -1; }
-  int ReqUnused45(const void*) override { return -1; }
-  int ReqUnused46(const void*) override { return -1; }
-  int ReqUnused47(const void*) override { return -1; }
-  int ReqUnused48(const void*) override { return -1; }
-  int ReqUnused49(const void*) override { return -1; }
-  int ReqUnused50(const void*) override { return -1; }
-  int ReqUnused51(const void*) override { return -1; }
-  int ReqUnused52(const void*) override { return -1; }
   int Release() override;
   int SubscribeMarketPush(const ApiMarketItem* item) override { return request_record(54, item); }
   int UnsubscribeMarketPush(const ApiMarketItem* item) override { return request_record(55, item); }

@@ -100,23 +100,6 @@ class SimDataApi final : public CDataApi {
   int ReqSHNumber(const FinanceRequest* r) override { return finance(32, r); }
   int ReqMostShareHolder(const FinanceRequest* r) override { return finance(64, r); }
   int ReqNegotiableShareHolder(const FinanceRequest* r) override { return finance(128, r); }
-  int ReqUnused36(const void*) override { return -1; }
-  int ReqUnused37(const void*) override { return -1; }
-  int ReqUnused38(const void*) override { return -1; }
-  int ReqUnused39(const void*) override { return -1; }
-  int ReqUnused40(const void*) override { return -1; }
-  int ReqUnused41(const void*) override { return -1; }
-  int ReqUnused42(const void*) override { return -1; }
-  int ReqUnused43(const void*) override { return -1; }
-  int ReqUnused44(const void*) override { return -1; }
-  int ReqUnused45(const void*) override { return -1; }
-  int ReqUnused46(const void*) override { return -1; }
-  int ReqUnused47(const void*) override { return -1; }
-  int ReqUnused48(const void*) override { return -1; }
-  int ReqUnused49(const void*) override { return -1; }
-  int ReqUnused50(const void*) override { return -1; }
-  int ReqUnused51(const void*) override { return -1; }
-  int ReqUnused52(const void*) override { return -1; }
   int Release() override;
   // Whole-market packages of the market named by the item's market field.
   int SubscribeMarketPush(const ApiMarketItem* item) override;
