@@ -100,7 +100,7 @@ conditionals=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc'
 # asserts to be trivially destructible.
 tls=$(git ls-files --cached --others --exclude-standard -- '*.h' '*.cc' '*.cpp' '*.hpp' ':!port/' |
   while read -r file; do
-    grep -nE '\bthread_local\b' "$file" | while IFS= read -r line; do
+    { grep -nE '\bthread_local\b' "$file" || true; } | while IFS= read -r line; do
       type=$(sed -E 's/.*\bthread_local[[:space:]]+(static[[:space:]]+)?(const[[:space:]]+)?([A-Za-z_][A-Za-z0-9_:<>]*).*/\3/' <<<"$line")
       grep -Eq "thread_local[^;=]*\*" <<<"$line" && continue
       grep -Eqx '(bool|char|short|int|long|unsigned|float|double|size_t|u?int(8|16|32|64)_t)' <<<"$type" && continue
