@@ -12,6 +12,7 @@
 #include "capture/capture_file.h"
 #include "capture/catalog.h"
 #include "datamgr/DvDataMgr.h"
+#include "port/port.h"
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
 #include "testkit/records.h"
@@ -182,8 +183,8 @@ TEST(CaptureSessionTest, ABadSettingIsLoggedAndLeavesCaptureOff) {
   ASSERT_TRUE(mgr.init(true));
   EXPECT_EQ(mgr.capture(), nullptr);
   EXPECT_EQ(mgr.api(), &api);
-  EXPECT_TRUE(log.contains("[CaptureSettings::read]: ./ini/KELQuoteCapture.config line 2: roll_mb is 1 to 1048576, "
-                           "not \"lots\", capture stays off..."));
+  EXPECT_TRUE(log.contains(std::string("[CaptureSettings::read]: ") + port::CaptureConfigPath() +
+                           " line 2: roll_mb is 1 to 1048576, not \"lots\", capture stays off..."));
 }
 
 }  // namespace
