@@ -217,11 +217,16 @@ void MsgQueue::wait_for(int index, int ms) {
   Server& server = servers_[index];
   // About 50 us: longer than the gap between messages of a busy stream, far
   // shorter than a quiet one's; the pause keeps the spin off the scheduler.
-  for (int spin = 0; spin < 1000; ++spin) {
+  // Timed, not counted: a pause takes a few cycles on one processor and a
+  // hundred on another, and a thread that sleeps between a stream's messages
+  // costs each push a wake-up.
+  const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50);
+  for (unsigned spin = 1;; ++spin) {
     if (server.depth.load(std::memory_order_acquire) != 0 || replies_depth_.load(std::memory_order_acquire) != 0) {
       return;
     }
     port::CpuRelax();
+    if (spin % 64 == 0 && std::chrono::steady_clock::now() >= until) break;
   }
   if (server.freed != 0) {
     freed_bytes_.fetch_add(server.freed, std::memory_order_relaxed);
