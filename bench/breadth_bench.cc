@@ -8,22 +8,12 @@
 
 #include "bench/pipeline.h"
 #include "port/port.h"
+#include "testkit/process_status.h"
 
 namespace bench {
 namespace {
 
 constexpr int kInstruments = 5000;
-
-// A field of /proc/self/status in kB; -1 where there is none.
-long StatusKb(const std::string& field) {
-  std::ifstream in("/proc/self/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.compare(0, field.size(), field) == 0 && line.size() > field.size() && line[field.size()] == ':') {
-      return std::stol(line.substr(field.size() + 1));
-    }
-  }
-  return -1;
-}
 
 // The pipeline with every instrument subscribed once, every tenth twice when
 // doubled; the snapshots to send round-robin, each stamped with its index.
@@ -111,11 +101,11 @@ void BM_BreadthBurstMemory(benchmark::State& state) {
   const int64_t count = state.range(0);
   long before_kb = 0, peak_kb = 0;
   for (auto _ : state) {
-    before_kb = StatusKb("VmRSS");
+    before_kb = testkit::StatusKb("VmRSS");
     std::ofstream("/proc/self/clear_refs") << "5";  // peak back to the present
     for (int64_t i = 0; i < count; ++i) breadth.send(static_cast<uint32_t>(i));
     if (!Pipeline::WaitFor(breadth.received, count)) state.SkipWithError("deliveries stalled");
-    peak_kb = StatusKb("VmHWM");
+    peak_kb = testkit::StatusKb("VmHWM");
   }
   state.counters["peak_growth_mb"] = static_cast<double>(peak_kb - before_kb) / 1024;
   state.counters["peak_mb"] = static_cast<double>(peak_kb) / 1024;

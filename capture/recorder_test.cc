@@ -34,6 +34,15 @@ std::vector<capture::Record> ReadAll(const std::string& path) {
   return records;
 }
 
+// Sends count level-1 sized callbacks whose first byte numbers them.
+void RecordTicks(CaptureRecorder& rec, int count) {
+  std::vector<uint8_t> tick(249);
+  for (int i = 0; i < count; ++i) {
+    tick[0] = static_cast<uint8_t>(i);
+    rec.callback(3, tick.data(), tick.size());
+  }
+}
+
 TEST(CaptureRecorderTest, DropsAndCountsWhatTheStalledWriterHasNoRoomFor) {
   testkit::WorkDir dir;
   testkit::LogCapture log;
@@ -43,11 +52,7 @@ TEST(CaptureRecorderTest, DropsAndCountsWhatTheStalledWriterHasNoRoomFor) {
   CaptureRecorder rec(settings);
   ASSERT_TRUE(rec.begin());
   rec.pause_writer(true);
-  std::vector<uint8_t> tick(249);
-  for (int i = 0; i < 40; ++i) {
-    tick[0] = static_cast<uint8_t>(i);
-    rec.callback(3, tick.data(), tick.size());
-  }
+  RecordTicks(rec, 40);
   const int kept = 4096 / (249 + 16);
   EXPECT_EQ(rec.dropped(), 40 - kept);
   rec.pause_writer(false);
@@ -66,11 +71,7 @@ TEST(CaptureRecorderTest, RollsToNumberedFilesAtRecordBounds) {
   settings.roll_bytes = 1000;
   CaptureRecorder rec(settings);
   ASSERT_TRUE(rec.begin());
-  std::vector<uint8_t> tick(249);
-  for (int i = 0; i < 10; ++i) {
-    tick[0] = static_cast<uint8_t>(i);
-    rec.callback(3, tick.data(), tick.size());
-  }
+  RecordTicks(rec, 10);
   rec.end();
   std::string first = rec.path().substr(0, rec.path().find('.'));
   int seen = 0;

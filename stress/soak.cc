@@ -33,6 +33,7 @@
 #include "kelquote/KelQuoteClient.h"
 #include "kelquote/LoginParam.h"
 #include "testkit/fake_api.h"
+#include "testkit/process_status.h"
 #include "testkit/records.h"
 #include "testkit/work_dir.h"
 
@@ -57,19 +58,11 @@ constexpr bool kMemoryCheck = true;
 
 std::string Code(int i) { return std::to_string(600000 + i); }
 
-// Threads of the process and its resident and peak memory (kB), from /proc.
+// Threads of the process, from /proc.
 int Threads() {
   int n = 0;
   for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++n;
   return n;
-}
-long StatusKb(const char* field) {
-  std::ifstream in("/proc/self/status");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind(field, 0) == 0) return std::atol(line.c_str() + std::strlen(field) + 1);
-  }
-  return -1;
 }
 
 // One host subscription and what it received.
@@ -415,7 +408,7 @@ int Soak::Run() {
     max_threads = std::max(max_threads, threads_now);
     if (base_threads < 0 && Clock::now() >= warm) {
       base_threads = threads_now - static_cast<int>(threads.size());
-      base_rss = StatusKb("VmRSS");
+      base_rss = testkit::StatusKb("VmRSS");
     }
     ParkHosts(false);
   }
@@ -435,7 +428,7 @@ int Soak::Run() {
     std::this_thread::sleep_for(100ms);
     end_threads = Threads();
   }
-  end_rss = StatusKb("VmRSS");
+  end_rss = testkit::StatusKb("VmRSS");
   if (end_threads > base_threads) {
     Fault("threads grew", std::to_string(base_threads) + " after warm-up, " + std::to_string(end_threads) + " at the end");
   }
@@ -459,7 +452,8 @@ int Soak::Run() {
       static_cast<long long>(statuses.load()));
   std::printf("soak: memory %ld MB after warm-up, %ld MB at the end, peak %ld MB; library threads %d after warm-up, "
               "%d at the end (peak of the process %d)\n",
-              base_rss / 1024, end_rss / 1024, StatusKb("VmHWM") / 1024, base_threads, end_threads, max_threads);
+              base_rss / 1024, end_rss / 1024, testkit::StatusKb("VmHWM") / 1024, base_threads, end_threads,
+              max_threads);
   if (delivered_.load() == 0) Fault("no delivery", "no record reached a host");
   std::lock_guard<std::mutex> lock(fault_mu_);
   for (const auto& [kind, count] : faults_) std::printf("soak: FAULT %s: %lld\n", kind.c_str(), static_cast<long long>(count));

@@ -90,6 +90,13 @@ HisBarRequest Bars(uint16_t id, const char* code, int32_t start) {
   return r;
 }
 
+// Opens what w recorded, played as fast as possible into sink.
+void Open(ReplayApi& api, const CaptureWriter& w, const testkit::WorkDir& dir, Sink& sink) {
+  std::string error;
+  ASSERT_TRUE(api.open(w.write(dir.path()), 0, &error)) << error;
+  api.RegisterServer(nullptr, &sink);
+}
+
 TEST(ReplayApiTest, AnswersRequestsWithTheirRecordedRepliesUnderTheLibrarysIds) {
   testkit::WorkDir dir;
   CaptureWriter w;
@@ -103,10 +110,9 @@ TEST(ReplayApiTest, AnswersRequestsWithTheirRecordedRepliesUnderTheLibrarysIds) 
   w.callback(3, testkit::bytes_of(testkit::l1_tick(2, "600000", 93000, 10)));
 
   ReplayApi api;
-  std::string error;
-  ASSERT_TRUE(api.open(w.write(dir.path()), 0, &error)) << error;
   Sink sink;
-  api.RegisterServer(nullptr, &sink);
+  Open(api, w, dir, sink);
+  if (::testing::Test::HasFatalFailure()) return;
   ConnectResult result{-5, -5, -5};
   ASSERT_EQ(api.Connect(&result), 0);
   EXPECT_EQ(result.code, 0);
@@ -136,10 +142,9 @@ TEST(ReplayApiTest, AFileWithoutAConnectPlaysFromItsStartOnce) {
   CaptureWriter w;
   w.callback(3, testkit::bytes_of(testkit::l1_tick(2, "600000", 93000, 10)));
   ReplayApi api;
-  std::string error;
-  ASSERT_TRUE(api.open(w.write(dir.path()), 0, &error)) << error;
   Sink sink;
-  api.RegisterServer(nullptr, &sink);
+  Open(api, w, dir, sink);
+  if (::testing::Test::HasFatalFailure()) return;
   ASSERT_EQ(api.Connect(nullptr), 0);
   ASSERT_TRUE(api.wait_done(5000));
   EXPECT_EQ(api.Connect(nullptr), -1);  // the file has nothing after its end
