@@ -6,6 +6,7 @@
 #ifndef KELQUOTE_REALTIME_TICK_ROUTES_H_
 #define KELQUOTE_REALTIME_TICK_ROUTES_H_
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -36,24 +37,22 @@ class TickRoutes {
  public:
   // The route of code in market id, null when none is kept.
   TickRoute* find(uint8_t market_id, const std::string& code) {
-    auto it = routes_.find(Key(market_id, code));
-    return it == routes_.end() ? nullptr : &it->second;
+    auto& routes = by_market_[market_id];
+    auto it = routes.find(code);
+    return it == routes.end() ? nullptr : &it->second;
   }
   TickRoute& put(uint8_t market_id, const std::string& code, TickRoute route) {
-    return routes_.insert_or_assign(Key(market_id, code), std::move(route)).first->second;
+    return by_market_[market_id].insert_or_assign(code, std::move(route)).first->second;
   }
-  void erase(uint8_t market_id, const std::string& code) { routes_.erase(Key(market_id, code)); }
+  void erase(uint8_t market_id, const std::string& code) { by_market_[market_id].erase(code); }
 
   // The routes of the running thread; null outside a service thread.
   static TickRoutes*& current();
 
  private:
-  static std::string Key(uint8_t market_id, const std::string& code) {
-    std::string key = code;
-    key.push_back(static_cast<char>(market_id));
-    return key;
-  }
-  std::unordered_map<std::string, TickRoute> routes_;
+  // A table per market id: a lookup keys by the code the snapshot already
+  // carries, with no key of its own to build.
+  std::array<std::unordered_map<std::string, TickRoute>, 256> by_market_;
 };
 
 }  // namespace tavr
