@@ -121,6 +121,24 @@ def _times(ms):
     return pd.DatetimeIndex(np.asarray(ms, dtype="int64").astype("datetime64[ms]").astype("datetime64[ns]"), name="time")
 
 
+_WINDOW_DAYS = 90
+
+
+def _windows(start_ms, end_ms, days):
+    """[start, end] cut into spans of at most days days."""
+    step = days * _DAY_MS
+    return [(s, min(s + step - 1, end_ms)) for s in range(start_ms, end_ms + 1, step)]
+
+
+def _resample(frame, minutes):
+    out = (frame.resample(f"{minutes}min", label="right", closed="right")
+           .agg({"open": "first", "high": "max", "low": "min", "close": "last", "volume": "sum", "amount": "sum",
+                 "open_interest": "last"})
+           .dropna(subset=["open"]))
+    out.index.name = "time"
+    return out.astype({"volume": frame["volume"].dtype, "open_interest": frame["open_interest"].dtype})
+
+
 def ticks_frame(rows):
     """Level-1 rows (a structured array of kind l1) as a DataFrame indexed by time."""
     data = {"symbol": np.char.decode(rows["symbol"], "ascii") if len(rows) else np.array([], dtype=object)}
@@ -335,40 +353,61 @@ class Client:
 
     # -- history -----------------------------------------------------------
 
-    def bars(self, symbol, period="1d", start=None, end=None, timeout=60):
+    def _span(self, start, end, default_days):
+        end_ms = _to_ms(end, end=True) if end is not None else _to_ms(pd.Timestamp.now())
+        start_ms = _to_ms(start) if start is not None else end_ms - default_days * _DAY_MS
+        if start_ms > end_ms:
+            raise ValueError("start is after end")
+        return start_ms, end_ms
+
+    def bars(self, symbols, period="1d", start=None, end=None, timeout=60):
         """Bars as a DataFrame indexed by their end time: open high low close volume amount open_interest.
 
-        period: 1m, 5m, 15m, 30m, 60m (made from 1m bars) or 1d. start, end:
-        str, date or datetime of the exchange's clock (an end without a time
-        of day includes that day); by default the last year up to now.
+        symbols: one symbol, or a list (the frame then has a symbol column; the
+        requests go out together). period: 1m, 5m, 15m, 30m, 60m (made from 1m
+        bars) or 1d. start, end: str, date or datetime of the exchange's clock
+        (an end without a time of day includes that day); by default the last
+        year (daily) or month (minutes) up to now. Long minute ranges are asked
+        for in windows of 90 days, as the service answers at most four months.
         """
         if period not in _PERIODS:
             raise ValueError(f"unknown period {period!r}; one of {', '.join(_PERIODS)}")
-        code, market = self._check(symbol)
-        end_ms = _to_ms(end, end=True) if end is not None else _to_ms(pd.Timestamp.now())
-        start_ms = _to_ms(start) if start is not None else end_ms - 365 * _DAY_MS
-        if start_ms > end_ms:
-            raise ValueError("start is after end")
+        single = isinstance(symbols, str)
+        symbols = [symbols] if single else list(symbols)
+        if not symbols:
+            raise ValueError("no symbols")
         minutes = _PERIODS[period]
-        cols = self._core.history(market, code, 60_000 if minutes else _DAY_MS, start_ms, end_ms, float(timeout))
+        start_ms, end_ms = self._span(start, end, 30 if minutes else 365)
+        requests, owners = [], []
+        for symbol in symbols:
+            code, market = self._check(symbol)
+            spans = _windows(start_ms, end_ms, _WINDOW_DAYS) if minutes else [(start_ms, end_ms)]
+            for s, e in spans:
+                requests.append((market, code, 60_000 if minutes else _DAY_MS, s, e))
+                owners.append(symbol)
+        answers = self._core.history(requests, float(timeout))
+        cols = {k: np.concatenate([a[k] for a in answers]) for k in answers[0]}
         index = _times(cols.pop("time"))
+        if not single:
+            lengths = [len(a["time"]) for a in answers]
+            cols = {"symbol": np.repeat(np.array(owners, dtype=object), lengths), **cols}
         frame = pd.DataFrame(cols, index=index)
+        if len(requests) > len(symbols):  # windows meet at midnight; a bar stamped 24:00 may come twice
+            keys = ["symbol"] if not single else []
+            frame = frame[~frame.reset_index().duplicated(subset=keys + ["time"]).to_numpy()]
         if minutes > 1:
-            frame = (frame.resample(f"{minutes}min", label="right", closed="right")
-                     .agg({"open": "first", "high": "max", "low": "min", "close": "last", "volume": "sum",
-                           "amount": "sum", "open_interest": "last"})
-                     .dropna(subset=["open"]))
-            frame.index.name = "time"
+            frame = _resample(frame, minutes) if single else (
+                frame.groupby("symbol", group_keys=True).apply(lambda f: _resample(f.drop(columns="symbol"), minutes))
+                .reset_index(level=0))
         return frame
 
     def ticks(self, symbol, start=None, end=None, timeout=60):
         """Level-1 ticks as a DataFrame indexed by time (by default those of today)."""
         code, market = self._check(symbol)
-        end_ms = _to_ms(end, end=True) if end is not None else _to_ms(pd.Timestamp.now())
-        start_ms = _to_ms(start) if start is not None else _to_ms(pd.Timestamp.now().normalize())
-        if start_ms > end_ms:
-            raise ValueError("start is after end")
-        rows = self._core.history(market, code, 0, start_ms, end_ms, float(timeout))
+        if start is None:
+            start = pd.Timestamp.now().normalize()
+        start_ms, end_ms = self._span(start, end, 1)
+        rows = self._core.history([(market, code, 0, start_ms, end_ms)], float(timeout))[0]
         return ticks_frame(rows)
 
     def finance(self, symbol, kinds=None, timeout=30):

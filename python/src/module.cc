@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -558,78 +559,111 @@ class Core {
     return out;
   }
 
-  // Bars as columns (period_ms > 0) or ticks as an l1 row array (period_ms 0).
-  py::object history(const std::string& market, const std::string& code, int64_t period_ms, int64_t start_ms,
-                     int64_t end_ms, double timeout) {
-    CheckMarket(market);
-    CheckLoggedIn();
+  // History requests sent together and awaited together: one (market, code,
+  // period_ms, start_ms, end_ms) each. Each answer is bars as columns
+  // (period_ms > 0) or ticks as an l1 row array (period_ms 0).
+  py::list history(const std::vector<std::tuple<std::string, std::string, int64_t, int64_t, int64_t>>& requests,
+                   double timeout) {
     struct State {
-      std::mutex mu;
-      std::condition_variable cv;
+      std::string symbol;
       bool done = false, failed = false;
       std::vector<int64_t> time, volume, open_interest;
       std::vector<double> open, high, low, close, amount;
       std::vector<L1Row> ticks;
     };
-    auto state = std::make_shared<State>();
-    const std::string symbol = code + "." + market;
-    quoter::TSMetaInfo meta{market, code, period_ms > 0 ? 3001 : 3000, period_ms};
-    quoter::TRegionInfo region{start_ms, end_ms, 0};
+    struct Shared {
+      std::mutex mu;
+      std::condition_variable cv;
+      size_t pending = 0;
+      bool abandoned = false;
+      std::vector<State> states;
+    };
+    for (const auto& r : requests) CheckMarket(std::get<0>(r));
+    CheckLoggedIn();
+    auto shared = std::make_shared<Shared>();
+    shared->states.resize(requests.size());
+    shared->pending = requests.size();
     {
       py::gil_scoped_release nogil;
-      Lib().requestHistoryQuote(meta, region, "", [state, symbol](se::EQuoteSubStatus status,
-                                                                  const tavr::QuoteRecords& records,
-                                                                  se::EDataArrivedTag tag) {
-        std::lock_guard<std::mutex> lock(state->mu);
-        if (state->done) return;
-        for (const auto& r : records) {
-          if (!r) continue;
-          if (r->kind() == quoter::RecordKind::kKLine) {
-            const auto& b = static_cast<const quoter::KLineData&>(*r);
-            state->time.push_back(LocalMs(b.time));
-            state->open.push_back(b.open);
-            state->high.push_back(b.high);
-            state->low.push_back(b.low);
-            state->close.push_back(b.close);
-            state->volume.push_back(b.volume);
-            state->amount.push_back(b.amount);
-            state->open_interest.push_back(b.openInterest);
-          } else if (r->kind() == quoter::RecordKind::kAllData) {
-            L1Row row{};
-            CopySymbol(row.symbol, symbol);
-            FillSnapshot(row, static_cast<const quoter::QuoterAllData&>(*r));
-            state->ticks.push_back(row);
+      for (size_t i = 0; i < requests.size(); ++i) {
+        const auto& [market, code, period_ms, start_ms, end_ms] = requests[i];
+        shared->states[i].symbol = code + "." + market;
+        quoter::TSMetaInfo meta{market, code, period_ms > 0 ? 3001 : 3000, period_ms};
+        quoter::TRegionInfo region{start_ms, end_ms, 0};
+        Lib().requestHistoryQuote(meta, region, "", [shared, i](se::EQuoteSubStatus status,
+                                                                const tavr::QuoteRecords& records,
+                                                                se::EDataArrivedTag tag) {
+          std::lock_guard<std::mutex> lock(shared->mu);
+          State& state = shared->states[i];
+          if (shared->abandoned || state.done) return;
+          for (const auto& r : records) {
+            if (!r) continue;
+            if (r->kind() == quoter::RecordKind::kKLine) {
+              const auto& b = static_cast<const quoter::KLineData&>(*r);
+              state.time.push_back(LocalMs(b.time));
+              state.open.push_back(b.open);
+              state.high.push_back(b.high);
+              state.low.push_back(b.low);
+              state.close.push_back(b.close);
+              state.volume.push_back(b.volume);
+              state.amount.push_back(b.amount);
+              state.open_interest.push_back(b.openInterest);
+            } else if (r->kind() == quoter::RecordKind::kAllData) {
+              L1Row row{};
+              CopySymbol(row.symbol, state.symbol);
+              FillSnapshot(row, static_cast<const quoter::QuoterAllData&>(*r));
+              state.ticks.push_back(row);
+            }
+          }
+          if (status != se::kQuoteData) state.failed = true;
+          if (tag == se::kArrivedLast || status != se::kQuoteData) {
+            state.done = true;
+            if (--shared->pending == 0) shared->cv.notify_all();
+          }
+        });
+      }
+      std::unique_lock<std::mutex> lock(shared->mu);
+      bool complete;
+      try {
+        complete = Wait(lock, shared->cv, timeout, [&] { return shared->pending == 0; });
+      } catch (...) {
+        shared->abandoned = true;  // blocks arriving later are ignored
+        throw;
+      }
+      if (!complete) {
+        shared->abandoned = true;
+        for (const State& state : shared->states) {
+          if (!state.done) {
+            throw RequestFailure("no complete answer for " + state.symbol + " within " + std::to_string(timeout) +
+                                 " s");
           }
         }
-        if (status != se::kQuoteData) state->failed = true;
-        if (tag == se::kArrivedLast || status != se::kQuoteData) {
-          state->done = true;
-          state->cv.notify_all();
-        }
-      });
-      std::unique_lock<std::mutex> lock(state->mu);
-      if (!Wait(lock, state->cv, timeout, [&] { return state->done; })) {
-        state->done = true;  // blocks arriving later are ignored
-        throw RequestFailure("no complete answer for " + symbol + " within " + std::to_string(timeout) + " s");
       }
-      if (state->failed) throw RequestFailure("the history request for " + symbol + " failed");
+      for (const State& state : shared->states) {
+        if (state.failed) throw RequestFailure("the history request for " + state.symbol + " failed");
+      }
     }
-    // The callback is done with the state: it only reads it under the lock once done.
-    std::lock_guard<std::mutex> lock(state->mu);
-    if (period_ms == 0) {
-      py::array out(CachedDtype("l1"), static_cast<py::ssize_t>(state->ticks.size()));
-      if (!state->ticks.empty()) std::memcpy(out.mutable_data(), state->ticks.data(), state->ticks.size() * sizeof(L1Row));
-      return out;
+    // Every request is done: the callbacks no longer touch the states.
+    py::list out;
+    for (size_t i = 0; i < requests.size(); ++i) {
+      State& state = shared->states[i];
+      if (std::get<2>(requests[i]) == 0) {
+        py::array rows(CachedDtype("l1"), static_cast<py::ssize_t>(state.ticks.size()));
+        if (!state.ticks.empty()) std::memcpy(rows.mutable_data(), state.ticks.data(), state.ticks.size() * sizeof(L1Row));
+        out.append(rows);
+        continue;
+      }
+      py::dict bars;
+      bars["time"] = py::array_t<int64_t>(state.time.size(), state.time.data());
+      bars["open"] = py::array_t<double>(state.open.size(), state.open.data());
+      bars["high"] = py::array_t<double>(state.high.size(), state.high.data());
+      bars["low"] = py::array_t<double>(state.low.size(), state.low.data());
+      bars["close"] = py::array_t<double>(state.close.size(), state.close.data());
+      bars["volume"] = py::array_t<int64_t>(state.volume.size(), state.volume.data());
+      bars["amount"] = py::array_t<double>(state.amount.size(), state.amount.data());
+      bars["open_interest"] = py::array_t<int64_t>(state.open_interest.size(), state.open_interest.data());
+      out.append(bars);
     }
-    py::dict out;
-    out["time"] = py::array_t<int64_t>(state->time.size(), state->time.data());
-    out["open"] = py::array_t<double>(state->open.size(), state->open.data());
-    out["high"] = py::array_t<double>(state->high.size(), state->high.data());
-    out["low"] = py::array_t<double>(state->low.size(), state->low.data());
-    out["close"] = py::array_t<double>(state->close.size(), state->close.data());
-    out["volume"] = py::array_t<int64_t>(state->volume.size(), state->volume.data());
-    out["amount"] = py::array_t<double>(state->amount.size(), state->amount.data());
-    out["open_interest"] = py::array_t<int64_t>(state->open_interest.size(), state->open_interest.data());
     return out;
   }
 
