@@ -31,6 +31,7 @@ _PERIODS = {"1m": 1, "5m": 5, "15m": 15, "30m": 30, "60m": 60, "1h": 60, "1d": 0
 _DAY_MS = 86_400_000
 
 _LOG_CONFIG = (
+    "log4cplus.configDebug = false\r\n"
     "log4cplus.logger.KELLog = INFO, KELLog\r\n"
     "log4cplus.appender.KELLog = log4cplus::RollingFileAppender\r\n"
     "log4cplus.appender.KELLog.File = {log}\r\n"
@@ -328,7 +329,7 @@ class Client:
         if market not in MARKETS:
             raise SymbolError(f"unknown market code {market!r}; known: {', '.join(MARKETS)}")
         cols = self._core.instruments(market)
-        frame = pd.DataFrame(cols)
+        frame = pd.DataFrame({k: np.array(v, dtype=object) if isinstance(v, list) else v for k, v in cols.items()})
         frame.insert(2, "market", market)
         frame.insert(0, "symbol", frame["code"] + "." + market)
         dates = frame["list_date"].to_numpy()

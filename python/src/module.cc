@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -27,6 +28,8 @@
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include <iconv.h>
 
 #include "kelquote/KelQuoteClient.h"
 #include "python/src/row_buffer.h"
@@ -53,7 +56,45 @@ struct ClosedFailure : std::runtime_error {
 
 tavr::KelQuoteClient& Lib() { return tavr::KelQuoteClient::get(); }
 
-std::string Utf8(const std::string& gbk) { return utils::safeGbk2Utf8(gbk); }
+// Library text (GBK; GB18030 is its superset) as UTF-8 through iconv, never
+// a locale; a byte it cannot read becomes U+FFFD, so the result is always
+// valid UTF-8.
+std::string Utf8(const std::string& gbk) {
+  if (std::all_of(gbk.begin(), gbk.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) return gbk;
+  thread_local iconv_t cd = iconv_open("UTF-8", "GB18030");
+  if (cd == reinterpret_cast<iconv_t>(-1)) return std::string(gbk.size(), '?');
+  iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  std::string out(gbk.size() * 2 + 8, '\0');
+  char* in = const_cast<char*>(gbk.data());
+  size_t in_left = gbk.size();
+  char* to = out.data();
+  size_t to_left = out.size();
+  while (in_left > 0) {
+    if (iconv(cd, &in, &in_left, &to, &to_left) != static_cast<size_t>(-1)) break;
+    if (errno == E2BIG) {
+      size_t used = static_cast<size_t>(to - out.data());
+      out.resize(out.size() * 2);
+      to = out.data() + used;
+      to_left = out.size() - used;
+      continue;
+    }
+    // An invalid or cut sequence: one replacement character for its first byte.
+    if (to_left < 3) {
+      size_t used = static_cast<size_t>(to - out.data());
+      out.resize(out.size() + 16);
+      to = out.data() + used;
+      to_left = out.size() - used;
+    }
+    std::memcpy(to, "\xEF\xBF\xBD", 3);
+    to += 3;
+    to_left -= 3;
+    ++in;
+    --in_left;
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+  }
+  out.resize(static_cast<size_t>(to - out.data()));
+  return out;
+}
 
 // Library time (ms since the epoch, stamped from the exchange's local wall
 // clock in the process's time zone) to that wall clock counted as UTC.
