@@ -36,6 +36,17 @@ else()
   set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "libkelquote${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 endif()
 
+# The Python package, when it is built: python3-kelquote.
+if(TARGET _kelquote AND NOT WIN32)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelquote)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+    "libkelquote${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), python3 (>= 3.11), python3 (<< 3.12), python3-numpy, python3-pandas")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "kelquote-sim, python3-matplotlib")
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Python package kelquote: the library's data as pandas DataFrames and numpy arrays")
+endif()
+
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "kelquote, quoter and utils shared libraries")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Headers, CMake package and pkg-config file of kelquote")
 set(CPACK_COMPONENT_SIM_DESCRIPTION
