@@ -207,6 +207,7 @@ class Subscription:
         """Ends the subscription; after it returns, its callback is not called again
         (unless close is called from inside that callback, which is allowed)."""
         self._sub.close()
+        self._client._by_key.pop(self._sub.key, None)
 
     @property
     def closed(self):

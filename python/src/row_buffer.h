@@ -23,13 +23,14 @@ class RowBuffer {
       : row_(row_size),
         cap_(std::max<size_t>(capacity, 1)),
         phys_(cap_ + cap_ / 8 + 1),
-        data_(phys_ * row_size),
-        sym_(phys_, -1) {}
+        data_(std::min<size_t>(phys_, 1024) * row_size),
+        sym_(std::min<size_t>(phys_, 1024), -1) {}
 
   // Room for the next row of symbol sym (0 or more), to be filled by the caller.
   char* slot(int32_t sym) {
     if (live_ == cap_) drop_for(sym);
     if (end_ == phys_) compact();
+    if (end_ == sym_.size()) grow();
     if (static_cast<size_t>(sym) >= counts_.size()) {
       counts_.resize(sym + 1, 0);
       cursor_.resize(sym + 1, 0);
@@ -62,8 +63,12 @@ class RowBuffer {
     if (live_ == 0) reset();
   }
 
+  // Gives up every row and the memory they took.
   void clear() {
-    std::fill(sym_.begin(), sym_.end(), -1);
+    data_.clear();
+    data_.shrink_to_fit();
+    sym_.assign(0, -1);
+    sym_.shrink_to_fit();
     std::fill(counts_.begin(), counts_.end(), 0);
     live_ = 0;
     reset();
@@ -90,6 +95,13 @@ class RowBuffer {
     --live_;
     ++dropped_;
     while (begin_ < end_ && sym_[begin_] < 0) ++begin_;
+  }
+
+  // Memory grows with use, up to the capacity and its spare room.
+  void grow() {
+    size_t rows = std::min(phys_, std::max<size_t>(1024, sym_.size() * 2));
+    data_.resize(rows * row_);
+    sym_.resize(rows, -1);
   }
 
   void compact() {
