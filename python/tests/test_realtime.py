@@ -123,3 +123,19 @@ def test_sim_controls_need_the_simulator(script):
                           "except kq.sim.NotSimulatorError as e:\n    print('refused')",
                           env={"LD_LIBRARY_PATH": str(__import__('conftest').ROOT / "build/release/bin/replay")})
     assert rc == 0 and out.strip() == "refused", err
+
+
+def test_connection_and_market_reports(client):
+    seen = []
+    client.on_connection(lambda status, text: seen.append(("connection", status)))
+    client.on_market_change(lambda kind, market: seen.append((kind, market)))
+    kq.sim.report_connection(0, 0)
+    kq.sim.report_connection(0, 1)
+    kq.sim.change_market(1)
+    deadline = time.monotonic() + 20
+    while len(seen) < 6 and time.monotonic() < deadline:
+        time.sleep(0.05)
+    client.on_connection(None)
+    client.on_market_change(None)
+    assert seen[:2] == [("connection", 1), ("connection", 0)]
+    assert {(0, "SZ"), (1, "SZ")} <= set(seen[2:])
