@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Benchmark of the Python package against the simulated quote service.
 
-    scripts/run-demo.sh --python-bench      (or: PYTHONPATH=build/release/python /usr/bin/python3 examples/python/bench.py)
+    PYTHONPATH=build/release/python /usr/bin/python3 examples/python/bench.py [--seconds 5]
 
 Measures, with the simulator sending whole-market packages as fast as it can
 (every millisecond) through the real pipeline:
