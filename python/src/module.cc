@@ -167,18 +167,15 @@ void FillSnapshot(L1Row& row, const quoter::QuoterAllData& a) {
   row.trade_count = a.tradeCount;
 }
 
-// Copies one library record into its row; false when the record is not of
-// the subscription's kind.
-bool Fill(const std::string& kind, char* slot, const quoter::QuoterBase& record) {
+// Copies one library record into a row of its kind.
+void Fill(char* slot, const quoter::QuoterBase& record) {
   using quoter::RecordKind;
   switch (record.kind()) {
     case RecordKind::kAllData: {
-      if (kind != "l1") return false;
       FillSnapshot(*reinterpret_cast<L1Row*>(slot), static_cast<const quoter::QuoterAllData&>(record));
-      return true;
+      return;
     }
     case RecordKind::kDepth: {
-      if (kind != "depth") return false;
       const auto& d = static_cast<const quoter::QuoterDepthData&>(record);
       auto& row = *reinterpret_cast<DepthRow*>(slot);
       row.time = LocalMs(d.time);
@@ -199,10 +196,9 @@ bool Fill(const std::string& kind, char* slot, const quoter::QuoterBase& record)
       row.lower_limit = d.lowerLimit;
       row.phase = d.tradingPhase;
       row.trade_count = d.tradeCount;
-      return true;
+      return;
     }
     case RecordKind::kTransaction: {
-      if (kind != "trades") return false;
       const auto& t = static_cast<const quoter::TransactionData&>(record);
       auto& row = *reinterpret_cast<TradeRow*>(slot);
       row.time = LocalMs(t.time);
@@ -213,10 +209,9 @@ bool Fill(const std::string& kind, char* slot, const quoter::QuoterBase& record)
       row.number2 = t.number2;
       row.flag1 = t.flag1;
       row.flag2 = t.flag2;
-      return true;
+      return;
     }
     case RecordKind::kOrder: {
-      if (kind != "orders") return false;
       const auto& o = static_cast<const quoter::OrderData&>(record);
       auto& row = *reinterpret_cast<OrderRow*>(slot);
       row.time = LocalMs(o.time);
@@ -225,10 +220,9 @@ bool Fill(const std::string& kind, char* slot, const quoter::QuoterBase& record)
       row.number = o.number1;
       row.flag1 = o.flag1;
       row.flag2 = o.flag2;
-      return true;
+      return;
     }
     case RecordKind::kLevelOrder: {
-      if (kind != "queues") return false;
       const auto& q = static_cast<const quoter::LevelOrderData&>(record);
       auto& row = *reinterpret_cast<QueueRow*>(slot);
       row.time = LocalMs(q.time);
@@ -238,11 +232,21 @@ bool Fill(const std::string& kind, char* slot, const quoter::QuoterBase& record)
       row.order_count = q.orderCount;
       row.listed = q.listed;
       std::memcpy(row.orders, q.orders, sizeof(row.orders));
-      return true;
+      return;
     }
     default:
-      return false;
+      return;
   }
+}
+
+// The library's record class that each subscription kind receives.
+quoter::RecordKind RecordKindOf(const std::string& kind) {
+  using quoter::RecordKind;
+  if (kind == "depth") return RecordKind::kDepth;
+  if (kind == "trades") return RecordKind::kTransaction;
+  if (kind == "orders") return RecordKind::kOrder;
+  if (kind == "queues") return RecordKind::kLevelOrder;
+  return RecordKind::kAllData;
 }
 
 py::dtype DtypeOf(const std::string& kind) {
@@ -312,7 +316,10 @@ class Hub {
 class Sub : public std::enable_shared_from_this<Sub> {
  public:
   Sub(std::string kind, size_t capacity, std::shared_ptr<Hub> hub)
-      : kind_(std::move(kind)), buffer_(LayoutOf(kind_).size, capacity), hub_(std::move(hub)) {}
+      : kind_(std::move(kind)),
+        record_kind_(RecordKindOf(kind_)),
+        buffer_(LayoutOf(kind_).size, capacity),
+        hub_(std::move(hub)) {}
 
   // The library's records of one instrument (its index among the symbols).
   void on_records(int32_t index, const tavr::QuoteRecords& records) {
@@ -322,10 +329,10 @@ class Sub : public std::enable_shared_from_this<Sub> {
       for (const auto& record : records) {
         // A level-1 snapshot comes with an after-hours record, left empty
         // (no time) outside after-hours trading.
-        if (!record || record->time <= 0) continue;
+        if (!record || record->time <= 0 || record->kind() != record_kind_) continue;
         char* slot = buffer_.slot(index);
         std::memcpy(slot, symbols_[index].data(), kSymbolSize);
-        if (!Fill(kind_, slot, *record)) std::memset(slot + kSymbolSize, 0, LayoutOf(kind_).size - kSymbolSize);
+        Fill(slot, *record);
       }
       if (waiters_ > 0) cv_.notify_all();
     }
@@ -443,6 +450,7 @@ class Sub : public std::enable_shared_from_this<Sub> {
   }
 
   std::string kind_;
+  quoter::RecordKind record_kind_;
   std::mutex mu_;
   std::mutex poll_mu_;
   std::condition_variable cv_;
@@ -562,7 +570,7 @@ class Core {
     auto nl = new_listing.mutable_unchecked<1>();
     for (size_t i = 0; i < n; ++i) {
       const auto& x = *list[i];
-      code.append(x.code);
+      code.append(Utf8(x.code));
       name.append(Utf8(x.name));
       t(i) = x.priceTick;
       d(i) = x.priceDigits;
@@ -570,7 +578,7 @@ class Core {
       ld(i) = static_cast<int32_t>(x.listDate);
       tc(i) = x.extendInfo ? x.extendInfo->typeCode : 0;
       nl(i) = x.extendInfo ? x.extendInfo->newListing : false;
-      product.append(x.extendInfo ? x.extendInfo->productCode : std::string());
+      product.append(x.extendInfo ? Utf8(x.extendInfo->productCode) : std::string());
     }
     py::dict out;
     out["code"] = code;
