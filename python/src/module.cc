@@ -117,6 +117,32 @@ void CopySymbol(char (&to)[kSymbolSize], const std::string& symbol) {
   std::memcpy(to, symbol.data(), std::min(symbol.size(), kSymbolSize));
 }
 
+// A daemon thread that takes the interpreter lock once the interpreter is
+// finalizing is ended on the spot, which inside a C++ destructor ends the
+// process: such a thread waits here instead for the process to end.
+// The interpreter finalizes on its main thread, which goes on.
+unsigned long g_main_thread = 0;
+
+void StayIfFinalizing() {
+  if (!_Py_IsFinalizing() || PyThread_get_thread_ident() == g_main_thread) return;
+  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+// Releases the interpreter lock for its scope.
+class Unlocked {
+ public:
+  Unlocked() : state_(PyEval_SaveThread()) {}
+  ~Unlocked() {
+    StayIfFinalizing();
+    PyEval_RestoreThread(state_);
+  }
+  Unlocked(const Unlocked&) = delete;
+  Unlocked& operator=(const Unlocked&) = delete;
+
+ private:
+  PyThreadState* state_;
+};
+
 // Waits on cv (lock held, interpreter lock released) until done() or the
 // timeout (seconds; negative: none); every 100 ms it lets Python handle
 // signals, so that Ctrl-C raises KeyboardInterrupt. Returns done().
@@ -134,6 +160,7 @@ bool Wait(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, doubl
                          : std::min(deadline, now + std::chrono::milliseconds(100));
     if (cv.wait_until(lock, slice, done)) return true;
     lock.unlock();
+    StayIfFinalizing();
     {
       py::gil_scoped_acquire gil;
       if (PyErr_CheckSignals() != 0) {
@@ -374,12 +401,12 @@ class Sub : public std::enable_shared_from_this<Sub> {
   py::array poll(size_t max_rows, double timeout) {
     size_t n = 0;
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       poll_mu_.lock();
     }
     std::unique_lock<std::mutex> poller(poll_mu_, std::adopt_lock);
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       std::unique_lock<std::mutex> lock(mu_);
       ++waiters_;
       try {
@@ -396,7 +423,7 @@ class Sub : public std::enable_shared_from_this<Sub> {
     if (n == 0) return out;
     char* data = static_cast<char*>(out.mutable_data());
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       std::lock_guard<std::mutex> lock(mu_);
       // Only a poll takes rows and polls take turns: the n rows are still there.
       if (closed_) throw ClosedFailure("the subscription is closed");
@@ -467,7 +494,7 @@ py::tuple Hub::wait(double timeout) {
   std::deque<Event> events;
   std::vector<std::shared_ptr<Sub>> subs;
   {
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     std::unique_lock<std::mutex> lock(mu_);
     Wait(lock, cv_, timeout, [&] { return stopped_ || !events_.empty() || !subs_.empty(); });
     events.swap(events_);
@@ -525,7 +552,7 @@ class Core {
     param.environment = environment;
     param.user = user;
     param.password = password;
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     // On a thread of its own, so that the wait can time out and Ctrl-C can end it.
     std::thread([state, param] {
       bool ok = false;
@@ -554,7 +581,7 @@ class Core {
     CheckLoggedIn();
     std::vector<std::shared_ptr<ttservice::CInstrumentDetail>> list;
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       Lib().getStockList(market, 0, list);
     }
     size_t n = list.size();
@@ -599,7 +626,7 @@ class Core {
     CheckLoggedIn();
     std::vector<int64_t> days;
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       Lib().getTradeDateList(market, days);
     }
     py::array_t<int64_t> out(days.size());
@@ -633,7 +660,7 @@ class Core {
     shared->states.resize(requests.size());
     shared->pending = requests.size();
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       for (size_t i = 0; i < requests.size(); ++i) {
         const auto& [market, code, period_ms, start_ms, end_ms] = requests[i];
         shared->states[i].symbol = code + "." + market;
@@ -733,7 +760,7 @@ class Core {
     param.code = code;
     param.types = types;
     {
-      py::gil_scoped_release nogil;
+      Unlocked nogil;
       Lib().requestFinanceData(param, [state](std::string, const tavr::FinanceDataParam&,
                                               const tavr::FinanceResult& data, se::EQuoteSubStatus status) {
         std::lock_guard<std::mutex> lock(state->mu);
@@ -764,7 +791,7 @@ class Core {
     CheckLoggedIn();
     auto sub = std::make_shared<Sub>(kind, capacity, dispatched ? hub_ : nullptr);
     for (const auto& [market, code] : symbols) sub->add_symbol(code + "." + market);
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     for (size_t i = 0; i < symbols.size(); ++i) {
       quoter::TSMetaInfo meta{symbols[i].first, symbols[i].second, meta_id, 0};
       auto index = static_cast<int32_t>(i);
@@ -788,7 +815,7 @@ class Core {
     CheckLoggedIn();
     auto sub = std::make_shared<Sub>("l1", capacity, dispatched ? hub_ : nullptr);
     sub->market_ = market;
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     int id = Lib().subWholeQuote(market, [sub](const tavr::QuoteMap& map) { sub->on_package(map); });
     if (id < 0) throw RequestFailure("the library refused the whole-market subscription of " + market);
     sub->whole_id_ = id;
@@ -806,7 +833,7 @@ class Core {
       delete f;
     });
     std::string suffix = "." + market;
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     return Lib().subWholeQuote(market, [holder, suffix](const tavr::QuoteMap& map) {
       for (const auto& [code, record] : map) {
         if (!record || record->kind() != quoter::RecordKind::kAllData) continue;
@@ -837,7 +864,7 @@ class Core {
   }
 
   void baseline_unsubscribe(int id) {
-    py::gil_scoped_release nogil;
+    Unlocked nogil;
     Lib().unWholeQuote(id);
   }
 
@@ -946,6 +973,7 @@ class Core {
 PYBIND11_MODULE(_kelquote, m) {
   using namespace kqpy;
   m.doc() = "The kelquote library's client; use the kelquote package, not this module.";
+  g_main_thread = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
 
   auto& error = py::register_exception<Failure>(m, "Error");
   py::register_exception<LoginFailure>(m, "LoginError", error.ptr());
@@ -960,11 +988,11 @@ PYBIND11_MODULE(_kelquote, m) {
 
   py::class_<Hub>(m, "Hub")
       .def("wait", &Hub::wait, py::arg("timeout"))
-      .def("stop", &Hub::stop, py::call_guard<py::gil_scoped_release>());
+      .def("stop", &Hub::stop, py::call_guard<Unlocked>());
 
   py::class_<Sub, std::shared_ptr<Sub>>(m, "Sub")
       .def("poll", &Sub::poll, py::arg("max_rows"), py::arg("timeout"))
-      .def("close", &Sub::close, py::call_guard<py::gil_scoped_release>())
+      .def("close", &Sub::close, py::call_guard<Unlocked>())
       .def_property_readonly("closed", &Sub::closed)
       .def_property_readonly("pending", &Sub::pending)
       .def_property_readonly("dropped", &Sub::dropped)

@@ -104,11 +104,14 @@ def test_ctrl_c_interrupts_a_wait(script):
 
 
 def test_exit_with_live_subscriptions(script):
-    rc, out, err = script("import kelquote as kq, time\nc = kq.Client(); c.login()\n"
+    # Daemon threads still waiting in the library's calls at exit, too.
+    rc, out, err = script("import kelquote as kq, threading, time\nc = kq.Client(); c.login()\n"
                           "a = c.subscribe(['600000.SH'], callback=lambda b: time.sleep(0.01))\n"
-                          "b = c.subscribe_market('SZ')\nc.subscribe('000001.SZ', kind='depth')\n"
+                          "b = c.subscribe_market('SZ')\nd = c.subscribe('000001.SZ', kind='depth')\n"
+                          "threading.Thread(target=lambda: list(b), daemon=True).start()\n"
+                          "threading.Thread(target=lambda: d.poll(timeout=None), daemon=True).start()\n"
                           "time.sleep(1)\nprint('bye')")
-    assert rc == 0 and out.strip() == "bye", err
+    assert rc == 0 and out.strip() == "bye" and "terminate" not in err, err
 
 
 def test_refused_login_then_login(script):
