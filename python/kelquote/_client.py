@@ -266,6 +266,8 @@ class Client:
                 self = super().__new__(cls)
                 self._setup(home)
                 cls._instance = self
+            elif home is not None and _prepare_home(home) != cls._instance.home:
+                raise Error(f"the process's client already runs in {cls._instance.home}")
             return cls._instance
 
     def __init__(self, home=None):

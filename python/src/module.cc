@@ -284,12 +284,12 @@ py::dtype DtypeOf(const std::string& kind) {
     formats.append(f.count == 1 ? py::str(f.format) : py::str("(" + std::to_string(f.count) + ",)" + f.format));
     offsets.append(f.offset);
   }
-  py::dict spec;
-  spec["names"] = names;
-  spec["formats"] = formats;
-  spec["offsets"] = offsets;
-  spec["itemsize"] = layout.size;
-  return py::dtype::from_args(spec);
+  py::dict fields;
+  fields["names"] = names;
+  fields["formats"] = formats;
+  fields["offsets"] = offsets;
+  fields["itemsize"] = layout.size;
+  return py::dtype::from_args(fields);
 }
 
 // The dtypes live as long as the process: they outlast the interpreter's
