@@ -16,7 +16,7 @@ from ._client import (KINDS, MARKETS, Client, Error, LoginError, RequestError, S
 from ._finance import KINDS as FINANCE_KINDS
 
 __all__ = ["Client", "Subscription", "Error", "LoginError", "RequestError", "SubscriptionClosed", "SymbolError",
-           "MARKETS", "KINDS", "FINANCE_KINDS", "ticks_frame", "sim", "Store"]
+           "MARKETS", "KINDS", "FINANCE_KINDS", "ticks_frame", "sim"]
 
 
 def __getattr__(name):
