@@ -90,6 +90,10 @@ def _split(symbol):
 
 
 def _timestamp(value):
+    if isinstance(value, (int, np.integer)) and not isinstance(value, bool):
+        if not 19000101 <= value <= 29991231:
+            raise ValueError(f"an integer time is a date yyyymmdd, not {value!r}")
+        value = str(value)
     try:
         ts = pd.Timestamp(value)
     except (TypeError, ValueError) as e:
@@ -104,13 +108,15 @@ def _timestamp(value):
 def _is_date_only(value):
     if isinstance(value, _dt.datetime) or isinstance(value, pd.Timestamp):
         return False
-    if isinstance(value, _dt.date):
+    if isinstance(value, _dt.date) or isinstance(value, (int, np.integer)):
         return True
+    if isinstance(value, np.datetime64):
+        return np.datetime_data(value.dtype)[0] in ("D", "W", "M", "Y")
     return isinstance(value, str) and len(value.strip()) <= 10
 
 
 def _to_ms(value, end=False):
-    """A time (str, datetime, date, numpy or pandas) of the exchange's local clock, as library milliseconds."""
+    """A time (str, datetime, date, yyyymmdd int, numpy or pandas) of the exchange's clock, as library milliseconds."""
     ts = _timestamp(value)
     if end and _is_date_only(value):
         ts = ts + pd.Timedelta(days=1) - pd.Timedelta(milliseconds=1)

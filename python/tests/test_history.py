@@ -25,7 +25,8 @@ def test_names_are_utf8(client):
 
 
 @pytest.mark.parametrize("start,end", [("2026-11-02", "2026-11-06"), (dt.date(2026, 11, 2), dt.date(2026, 11, 6)),
-                                       (pd.Timestamp("2026-11-01 16:00", tz="UTC"), dt.datetime(2026, 11, 6, 23))])
+                                       (pd.Timestamp("2026-11-01 16:00", tz="UTC"), dt.datetime(2026, 11, 6, 23)),
+                                       (20261102, np.datetime64("2026-11-06"))])
 def test_daily_bars_cover_the_days_asked(client, start, end):
     frame = client.bars("600000.SH", period="1d", start=start, end=end)
     assert list(frame.columns) == BAR_COLUMNS and frame.index.name == "time"
@@ -69,6 +70,7 @@ def test_ticks(client):
     (lambda c: c.bars("600000.SH", period="7m"), ValueError),
     (lambda c: c.bars("600000.SH", start="2026-02-01", end="2026-01-01"), ValueError),
     (lambda c: c.bars("600000.SH", start="not a date"), ValueError),
+    (lambda c: c.bars("600000.SH", start=1700000000), ValueError),
     (lambda c: c.finance("000001.SZ", kinds=["gossip"]), ValueError),
     (lambda c: c.subscribe(["600000.SH"], kind="l3"), ValueError),
 ])
