@@ -132,9 +132,16 @@ _WINDOW_DAYS = 90
 
 
 def _windows(start_ms, end_ms, days):
-    """[start, end] cut into spans of at most days days."""
-    step = days * _DAY_MS
-    return [(s, min(s + step - 1, end_ms)) for s in range(start_ms, end_ms + 1, step)]
+    """[start, end] cut at local midnights into spans of at most days days."""
+    spans = []
+    cut = pd.Timestamp(_kq.local_ms(start_ms), unit="ms").normalize()
+    while True:
+        cut += pd.Timedelta(days=days)
+        cut_ms = _to_ms(cut)
+        if cut_ms > end_ms:
+            return spans + [(start_ms, end_ms)]
+        spans.append((start_ms, cut_ms - 1))
+        start_ms = cut_ms
 
 
 def _resample(frame, minutes):
@@ -402,9 +409,13 @@ class Client:
             lengths = [len(a["time"]) for a in answers]
             cols = {"symbol": np.repeat(np.array(owners, dtype=object), lengths), **cols}
         frame = pd.DataFrame(cols, index=index)
-        if len(requests) > len(symbols):  # windows meet at midnight; a bar stamped 24:00 may come twice
-            keys = ["symbol"] if not single else []
-            frame = frame[~frame.reset_index().duplicated(subset=keys + ["time"]).to_numpy()]
+        if len(requests) > len(symbols):
+            # Windows meet at midnight: a bar stamped 24:00 may come in both.
+            t, owner = index.asi8, np.repeat(np.arange(len(answers)), [len(a["time"]) for a in answers])
+            same = (t[1:] == t[:-1]) & (cols["close"][1:] == cols["close"][:-1]) & (
+                cols["volume"][1:] == cols["volume"][:-1]) & (owner[1:] != owner[:-1])
+            if same.any():
+                frame = frame[np.concatenate([[True], ~same])]
         if minutes > 1:
             frame = _resample(frame, minutes) if single else (
                 frame.groupby("symbol", group_keys=True).apply(lambda f: _resample(f.drop(columns="symbol"), minutes))

@@ -983,6 +983,7 @@ PYBIND11_MODULE(_kelquote, m) {
   m.def("dtype", [](const std::string& kind) { return CachedDtype(kind); }, py::arg("kind"),
         "The numpy dtype of a subscription kind's rows.");
   m.def("check_market", &CheckMarket, py::arg("market"));
+  m.def("local_ms", &LocalMs, "Library milliseconds as the local wall clock's, counted as UTC.");
   m.def("time_to_ms", [](int date, int hhmmss) { return utils::timeToMilliseconds(date, hhmmss); },
         "Library milliseconds of a local date yyyymmdd and time of day hhmmss.");
 
