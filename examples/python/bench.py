@@ -7,9 +7,12 @@ Measures, with the simulator sending whole-market packages as fast as it can
 (every millisecond) through the real pipeline:
   1. snapshots per second reaching Python through poll batches;
   2. the same through a subscription callback (the client's dispatcher thread);
-  3. a baseline built the way popular wrappers deliver: one dict per
+  3. what reaches full buffers (4096 rows) that nobody reads: the cost of
+     the slow-reader policy on the library's threads;
+  4. a baseline built the way popular wrappers deliver: one dict per
      snapshot, the interpreter lock taken for each, on the library's thread;
-  4. about a million one-minute bars, from the request to the DataFrame.
+  5. about a million one-minute bars, from the request to the DataFrame
+     (measured first, before the flood).
 """
 
 import argparse
@@ -26,6 +29,20 @@ MARKETS = ("SH", "SZ")
 def load():
     with open("/proc/loadavg") as f:
         return f.read().split()[0]
+
+
+def feed(client, seconds):
+    """What reaches the module's buffers with no Python reading: the feed's ceiling here."""
+    subs = [client.subscribe_market(m, buffer_rows=4096) for m in MARKETS]
+    time.sleep(0.5)
+    first = sum(s.dropped + s.pending for s in subs)
+    start = time.perf_counter()
+    time.sleep(seconds)
+    rows = sum(s.dropped + s.pending for s in subs) - first
+    elapsed = time.perf_counter() - start
+    for s in subs:
+        s.close()
+    return rows / elapsed
 
 
 def by_poll(client, seconds):
@@ -97,18 +114,20 @@ def main():
     client = kq.Client(home=os.environ.get("KELQUOTE_HOME") or os.path.join(tempfile.gettempdir(), "kelquote-bench"))
     client.login()
     kq.sim.set_clock(0, 100000)
-    kq.sim.set_push_interval(1)
     print(f"load average before: {load()} ({os.cpu_count()} cores)")
+    # The bars first, on a quiet pipeline; then the flood.
+    seconds, n = bars(client)
+    print(f"bars:      {n:,} one-minute bars into a DataFrame in {seconds:.2f} s   load {load()}")
+    kq.sim.set_push_interval(1)
     rate, dropped = by_poll(client, args.seconds)
     print(f"poll:      {rate:12,.0f} snapshots/s  (dropped {dropped})   load {load()}")
     rate_cb, dropped = by_callback(client, args.seconds)
     print(f"callback:  {rate_cb:12,.0f} snapshots/s  (dropped {dropped})   load {load()}")
+    print(f"feed:      {feed(client, args.seconds):12,.0f} snapshots/s into full buffers, nobody reading   load {load()}")
     base = baseline(client, args.seconds)
     print(f"baseline:  {base:12,.0f} snapshots/s  (one dict per snapshot, lock per snapshot)   load {load()}")
     print(f"ratio:     poll {rate / base:.1f}x, callback {rate_cb / base:.1f}x the baseline")
     kq.sim.set_push_interval(1000)
-    seconds, n = bars(client)
-    print(f"bars:      {n:,} one-minute bars into a DataFrame in {seconds:.2f} s   load {load()}")
 
 
 if __name__ == "__main__":
