@@ -154,16 +154,20 @@ def _resample(frame, minutes):
 
 
 def ticks_frame(rows):
-    """Level-1 rows (a structured array of kind l1) as a DataFrame indexed by time."""
-    data = {"symbol": np.char.decode(rows["symbol"], "ascii") if len(rows) else np.array([], dtype=object)}
+    """Level-1 rows (a structured array of kind l1) as a DataFrame with a time column, indexed by the same times."""
+    times = _times(rows["time"].astype("int64"))
+    data = {"symbol": np.char.decode(rows["symbol"], "ascii") if len(rows) else np.array([], dtype=object),
+            "time": times}
     for name in ("last", "open", "high", "low", "prev_close", "volume", "amount"):
         data[name] = rows[name]
     for side in ("bid", "ask", "bid_vol", "ask_vol"):
         levels = rows[side]
         for i in range(levels.shape[1]):
             data[f"{side}{i + 1}"] = levels[:, i]
-    data["phase"] = rows["phase"]
-    return pd.DataFrame(data, index=_times(rows["time"].astype("int64")))
+    for name in ("phase", "upper_limit", "lower_limit", "trade_count"):
+        data[name] = rows[name]
+    # The index goes unnamed: an index named like a column makes pandas refuse sort_values("time") and groupby.
+    return pd.DataFrame(data, index=times.rename(None))
 
 
 class Subscription:
@@ -423,7 +427,7 @@ class Client:
         return frame
 
     def ticks(self, symbol, start=None, end=None, timeout=60):
-        """Level-1 ticks as a DataFrame indexed by time (by default those of today)."""
+        """Level-1 ticks as a DataFrame with a time column, indexed by time (by default those of today)."""
         code, market = self._check(symbol)
         if start is None:
             start = pd.Timestamp.now().normalize()

@@ -232,10 +232,10 @@ void Fill(char* slot, const quoter::QuoterBase& record) {
       row.price = t.price;
       row.amount = t.amount;
       row.volume = t.volume;
-      row.number1 = t.number1;
-      row.number2 = t.number2;
-      row.flag1 = t.flag1;
-      row.flag2 = t.flag2;
+      row.index = t.number1;
+      row.channel = t.number2;
+      row.side = static_cast<char>(t.flag1);
+      row.kind = static_cast<char>(t.flag2);
       return;
     }
     case RecordKind::kOrder: {
@@ -244,9 +244,9 @@ void Fill(char* slot, const quoter::QuoterBase& record) {
       row.time = LocalMs(o.time);
       row.price = o.price;
       row.volume = o.volume;
-      row.number = o.number1;
-      row.flag1 = o.flag1;
-      row.flag2 = o.flag2;
+      row.index = o.number1;
+      row.side = static_cast<char>(o.flag1);
+      row.kind = static_cast<char>(o.flag2);
       return;
     }
     case RecordKind::kLevelOrder: {

@@ -37,20 +37,25 @@ struct DepthRow {
   uint32_t phase, trade_count;
 };
 
+// The exchange's one-byte codes of side ('B' buy, 'S' sell) and of kind stay
+// bytes (numpy's S1): comparing with b"B" reads better than with 66.
 struct TradeRow {
   char symbol[kSymbolSize];
   int64_t time;
   double price, amount;
-  int64_t volume, number1, number2;
-  int32_t flag1, flag2;
+  int64_t volume;
+  int64_t index;    // the trade's number in its channel
+  int64_t channel;  // the exchange's channel
+  char side, kind;
 };
 
 struct OrderRow {
   char symbol[kSymbolSize];
   int64_t time;
   double price;
-  int64_t volume, number;
-  int32_t flag1, flag2;
+  int64_t volume;
+  int64_t index;  // the order's number
+  char side, kind;
 };
 
 struct QueueRow {
@@ -90,14 +95,14 @@ inline const Layout& LayoutOf(const std::string& kind) {
   static const Layout trades{sizeof(TradeRow),
                              {KQ_F(TradeRow, symbol, "S16", 1), KQ_F(TradeRow, time, "M8[ms]", 1),
                               KQ_F(TradeRow, price, "f8", 1), KQ_F(TradeRow, volume, "i8", 1),
-                              KQ_F(TradeRow, amount, "f8", 1), KQ_F(TradeRow, number1, "i8", 1),
-                              KQ_F(TradeRow, number2, "i8", 1), KQ_F(TradeRow, flag1, "i4", 1),
-                              KQ_F(TradeRow, flag2, "i4", 1)}};
+                              KQ_F(TradeRow, amount, "f8", 1), KQ_F(TradeRow, side, "S1", 1),
+                              KQ_F(TradeRow, kind, "S1", 1), KQ_F(TradeRow, index, "i8", 1),
+                              KQ_F(TradeRow, channel, "i8", 1)}};
   static const Layout orders{sizeof(OrderRow),
                              {KQ_F(OrderRow, symbol, "S16", 1), KQ_F(OrderRow, time, "M8[ms]", 1),
                               KQ_F(OrderRow, price, "f8", 1), KQ_F(OrderRow, volume, "i8", 1),
-                              KQ_F(OrderRow, number, "i8", 1), KQ_F(OrderRow, flag1, "i4", 1),
-                              KQ_F(OrderRow, flag2, "i4", 1)}};
+                              KQ_F(OrderRow, side, "S1", 1), KQ_F(OrderRow, kind, "S1", 1),
+                              KQ_F(OrderRow, index, "i8", 1)}};
   static const Layout queues{sizeof(QueueRow),
                              {KQ_F(QueueRow, symbol, "S16", 1), KQ_F(QueueRow, time, "M8[ms]", 1),
                               KQ_F(QueueRow, price, "f8", 1), KQ_F(QueueRow, volume, "f8", 1),

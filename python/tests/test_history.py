@@ -56,9 +56,10 @@ def test_several_symbols(client):
 
 def test_ticks(client):
     frame = client.ticks("600000.SH", start="2026-11-20", end="2026-11-20")
-    assert list(frame.columns[:8]) == ["symbol", "last", "open", "high", "low", "prev_close", "volume", "amount"]
-    assert {"bid5", "ask1", "bid_vol1", "ask_vol5", "phase"} <= set(frame.columns)
-    assert (frame.index.normalize() == pd.Timestamp("2026-11-20")).all() and (frame["symbol"] == "600000.SH").all()
+    assert list(frame.columns[:9]) == ["symbol", "time", "last", "open", "high", "low", "prev_close", "volume", "amount"]
+    assert {f"{s}{i}" for s in ("bid", "ask", "bid_vol", "ask_vol") for i in range(1, 6)} | {"phase"} <= set(frame.columns)
+    assert (frame["time"].dt.normalize() == pd.Timestamp("2026-11-20")).all() and (frame["symbol"] == "600000.SH").all()
+    assert frame.sort_values("time").index.is_monotonic_increasing
 
 
 @pytest.mark.parametrize("call,error", [
@@ -83,8 +84,17 @@ def test_finance_every_kind(client):
     frames = client.finance("000001.SZ")
     assert set(frames) == set(kq.FINANCE_KINDS)
     assert all(len(f) > 0 and f.index.name == "report_date" for f in frames.values())
-    assert frames["balance_sheet"]["total_assets"].gt(0).all()
+    balance, income = frames["balance_sheet"], frames["income"]
+    assert balance["total_assets"].gt(0).all()
     assert frames["top_holders"]["holder"].str.len().gt(0).all()
+    # Each name sits on the item it names: the totals are sums of their groups.
+    # (The service sends the balance sheet as floats.)
+    assert np.allclose(balance.filter(regex="^(cash|current_asset_[0-9]+)$").sum(axis=1), balance["current_assets"])
+    assert np.allclose(balance.filter(regex="^non_current_asset_").sum(axis=1), balance["non_current_assets"])
+    costs = income[["cost_of_sales"] + [f"operating_cost_{i}" for i in range(1, 6)]].sum(axis=1)
+    assert np.allclose(costs, income["total_operating_costs"])
+    assert np.allclose(income["net_profit"], income["parent_net_profit"] + income["minority_profit"])
+    assert not any(c.startswith("item_") for c in frames["holder_count"].columns)
 
 
 @pytest.mark.parametrize("fault", [

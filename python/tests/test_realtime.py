@@ -17,11 +17,22 @@ def first_batch(sub):
     raise AssertionError(f"no rows from {sub!r}")
 
 
-@pytest.mark.parametrize("kind,levels", [("l1", 5), ("depth", 10), ("trades", 0), ("orders", 0), ("queues", 0)])
-def test_each_kind_delivers_rows(client, kind, levels):
+SNAPSHOT = "symbol time last open high low prev_close volume amount bid ask bid_vol ask_vol phase"
+
+
+@pytest.mark.parametrize("kind,levels,fields", [
+    ("l1", 5, SNAPSHOT), ("depth", 10, SNAPSHOT),
+    ("trades", 0, "symbol time price volume amount side kind index channel"),
+    ("orders", 0, "symbol time price volume side kind index"),
+    ("queues", 0, "symbol time price volume side order_count listed orders"),
+])
+def test_each_kind_delivers_rows(client, kind, levels, fields):
     with client.subscribe(["600000.SH", "000001.SZ"], kind=kind) as sub:
         batch = first_batch(sub)
     assert sub.closed and set(batch["symbol"]) <= {b"600000.SH", b"000001.SZ"}
+    assert set(fields.split()) <= set(batch.dtype.names)
+    if kind in ("trades", "orders"):
+        assert set(batch["side"]) <= {b"B", b"S"} and (np.diff(batch["index"][batch["symbol"] == batch["symbol"][0]]) > 0).all()
     assert (batch["time"] > np.datetime64("2020-01-01")).all() and (batch["price" if levels == 0 else "last"] > 0).all()
     if levels:
         assert batch["bid"].shape[1:] == (levels,) and batch["ask_vol"].shape[1:] == (levels,)
