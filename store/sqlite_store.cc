@@ -48,7 +48,9 @@ class SqliteStore : public Store {
                         nullptr) != SQLITE_OK) {
       return fail(error, "cannot open " + path);
     }
-    sqlite3_busy_timeout(db_, 5000);
+    // A writer of another process holds the file at most this long before
+    // the batch goes to the spool instead.
+    sqlite3_busy_timeout(db_, 2000);
     // NORMAL in WAL mode: a committed batch survives a crash of the process.
     if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", error) || !exec(kSchema, error)) return false;
     std::string ticks = std::string("INSERT OR REPLACE INTO ticks(symbol,market,time,seq,") + TickValueColumns() + ") VALUES(" +
