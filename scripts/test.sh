@@ -6,6 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
+# The store's databases and its Python reader.
+scripts/install-deps.sh libsqlite3-dev libpq-dev postgresql python3-psycopg2 python3-pandas python3-pytest
 
 jobs=$(nproc 2>/dev/null || echo 2)
 flavours=${KELQUOTE_FLAVOURS:-"release asan tsan"}
@@ -23,5 +25,11 @@ for flavour in $flavours; do
   echo "== $flavour: build"
   scripts/build.sh "$flavour" -DKELQUOTE_TESTS=ON "${args[@]}"
   echo "== $flavour: test"
-  (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure --no-tests=error)
+  # Beside a PostgreSQL server of its own for the store's tests.
+  scripts/pg-test-server.sh bash -c "cd build/$flavour && ctest -j $jobs --output-on-failure --no-tests=error"
+  if [ "$flavour" = release ]; then
+    echo "== release: the store's Python reader"
+    KELQUOTE_RECORD_BIN="$(pwd)/build/release/bin/kelquote_record" \
+      scripts/pg-test-server.sh /usr/bin/python3 -m pytest -q python/tests/test_store.py
+  fi
 done

@@ -1,7 +1,9 @@
 // SQLite back end: WAL mode, one transaction per batch, prepared upserts.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <vector>
 
 #include "store/backends.h"
 #include "store/schema.h"
@@ -52,7 +54,12 @@ class SqliteStore : public Store {
     // the batch goes to the spool instead.
     sqlite3_busy_timeout(db_, 2000);
     // NORMAL in WAL mode: a committed batch survives a crash of the process.
-    if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", error) || !exec(kSchema, error)) return false;
+    // A large page cache: rows of thousands of instruments land all over the
+    // key order, and a cache that holds the tables' hot pages saves rereading them.
+    if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-262144; PRAGMA mmap_size=1073741824; PRAGMA wal_autocheckpoint=16384;", error) ||
+        !exec(kSchema, error)) {
+      return false;
+    }
     std::string ticks = std::string("INSERT OR REPLACE INTO ticks(symbol,market,time,seq,") + TickValueColumns() + ") VALUES(" +
             Placeholders(kTickColumns) + ")";
     std::string bars = std::string("INSERT OR REPLACE INTO bars(symbol,market,interval,time,") + BarValueColumns() +
@@ -70,8 +77,17 @@ class SqliteStore : public Store {
     if (batch.empty()) return true;
     if (!exec("BEGIN IMMEDIATE", error)) return false;
     bool ok = true;
-    for (const Tick& t : batch.ticks) {
-      if (!(ok = InsertTick(t))) break;
+    // In key order the inserts walk the table's pages in turn instead of
+    // jumping between instruments; equal keys keep their order (the last wins).
+    std::vector<const Tick*> order(batch.ticks.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = &batch.ticks[i];
+    std::stable_sort(order.begin(), order.end(), [](const Tick* a, const Tick* b) {
+      if (int c = a->symbol.compare(b->symbol)) return c < 0;
+      if (int c = a->market.compare(b->market)) return c < 0;
+      return a->time != b->time ? a->time < b->time : a->seq < b->seq;
+    });
+    for (const Tick* t : order) {
+      if (!(ok = InsertTick(*t))) break;
     }
     if (ok) {
       for (const Bar& b : batch.bars) {
