@@ -84,7 +84,7 @@ void Writer::Intake() {
     if (!pending_.empty()) {
       kqstore::Batch batch = std::move(pending_);
       pending_ = kqstore::Batch{};
-      if (!db_busy_ && !handed_ && spool_->empty() && !down_) {
+      if (!handed_ && spool_->empty() && !down_) {
         handed_ = std::move(batch);
         handed_since_ = pending_since_;
         db_cv_.notify_all();
@@ -126,12 +126,10 @@ void Writer::Database() {
     } else {
       continue;
     }
-    db_busy_ = true;
     lock.unlock();
     std::string error;
     bool ok = store_->Write(batch, &error);
     lock.lock();
-    db_busy_ = false;
     if (ok) {
       counts_.written += batch.size();
       if (from_spool) {

@@ -2,11 +2,12 @@
 //
 // Callbacks append rows to a pending batch (a lock and a copy, no I/O). An
 // intake thread takes it every flush interval and hands it to the database
-// thread when that one is idle and nothing waits on disk; otherwise the
-// batch goes to the spool, which the database thread drains oldest first
-// whenever it has nothing newer in hand. So the rows of a slow or absent
-// database wait on disk, memory holds at most two batches, and the order of
-// writes (later values of a key win) is kept.
+// thread when that one's slot is free and nothing waits on disk; otherwise
+// the batch goes to the spool, which the database thread drains oldest first
+// when its slot is empty. So the rows of a slow or absent database wait on
+// disk, memory holds the pending rows and at most two batches (one being
+// written, one in the slot), and the order of writes (the later value of a
+// key wins) is kept.
 #ifndef KELQUOTE_TOOLS_RECORD_WRITER_H_
 #define KELQUOTE_TOOLS_RECORD_WRITER_H_
 
@@ -72,7 +73,6 @@ class Writer {
   std::optional<Clock::time_point> pending_since_;
   std::optional<kqstore::Batch> handed_;
   std::optional<Clock::time_point> handed_since_, spool_since_;
-  bool db_busy_ = false;
   bool down_ = false;
   bool stopping_ = false;
   bool intake_done_ = false;
