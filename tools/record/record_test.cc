@@ -93,6 +93,32 @@ TEST(Recorder, HistoryFillsTheMinutesAndTicksOfAnOutage) {
   SimSetTimeOfDay(-1);
 }
 
+// Killed mid-run, the recorder keeps what it committed; the next start
+// records the same session again beside it.
+TEST(Recorder, AKilledRunKeepsWhatItCommitted) {
+  testhost::HostFolder folder;
+  std::string url = "sqlite://" + (folder.root() / "k.db").string();
+  std::string run = "env KELQUOTE_SIM_CLOCK=0-100000 " + std::string(KQ_RECORD) + " --url " + url +
+                    " --symbols 600000.SH >out.txt 2>&1";
+  EXPECT_NE(std::system(("timeout -s KILL 6 " + run).c_str()), 0);
+  auto count = [&] {
+    std::string error;
+    auto store = kqstore::Store::Open(url, &error);
+    std::vector<kqstore::Tick> ticks;
+    std::vector<kqstore::Bar> bars;
+    EXPECT_TRUE(store && store->Ticks("600000", "SH", 0, INT64_MAX, &ticks, &error) &&
+                store->Bars("600000", "SH", "1m", 0, INT64_MAX, &bars, &error))
+        << error;
+    return std::make_pair(ticks.size(), bars.size());
+  };
+  auto killed = count();
+  EXPECT_GT(killed.first, 100u);  // history's ticks of the morning and live ones
+  EXPECT_EQ(std::system((run + " --seconds 2").c_str()), 0);
+  auto again = count();
+  EXPECT_GE(again.first, killed.first);
+  EXPECT_EQ(again.second, killed.second);  // the same minutes, written again
+}
+
 // Bad settings, an unknown symbol, an unreachable store: one message and an
 // exit code that is not 0.
 TEST(Recorder, BadInputGetsOneMessageAndAFailingExit) {
