@@ -26,6 +26,9 @@ const char kSchema[] =
     " bid_vol1 bigint, bid_vol2 bigint, bid_vol3 bigint, bid_vol4 bigint, bid_vol5 bigint,"
     " ask_vol1 bigint, ask_vol2 bigint, ask_vol3 bigint, ask_vol4 bigint, ask_vol5 bigint,"
     " phase integer, PRIMARY KEY(symbol, market, time, seq));"
+    "CREATE TABLE IF NOT EXISTS trades(symbol text NOT NULL, market text NOT NULL, time timestamptz NOT NULL,"
+    " seq integer NOT NULL, price float8, volume bigint, amount float8, side text, number bigint,"
+    " PRIMARY KEY(symbol, market, time, seq));"
     "CREATE TABLE IF NOT EXISTS overview(symbol text NOT NULL, market text NOT NULL, interval text NOT NULL,"
     " count bigint, first timestamptz, last timestamptz, PRIMARY KEY(symbol, market, interval));";
 
@@ -38,7 +41,15 @@ const char kStaging[] =
     " ask_vol4 bigint, ask_vol5 bigint, phase integer) ON COMMIT DELETE ROWS;"
     "CREATE TEMP TABLE IF NOT EXISTS bars_stage(symbol text, market text, interval text, time bigint, open float8,"
     " high float8, low float8, close float8, volume bigint, amount float8, open_interest bigint)"
-    " ON COMMIT DELETE ROWS;";
+    " ON COMMIT DELETE ROWS;"
+    "CREATE TEMP TABLE IF NOT EXISTS trades_stage(symbol text, market text, time bigint, seq integer, price float8,"
+    " volume bigint, amount float8, side text, number bigint) ON COMMIT DELETE ROWS;";
+
+const char kMoveTrades[] =
+    "INSERT INTO trades SELECT symbol, market,"
+    " timestamptz 'epoch' + time * interval '1 millisecond', seq, price, volume, amount, side, number"
+    " FROM trades_stage ON CONFLICT (symbol, market, time, seq) DO UPDATE SET price=excluded.price,"
+    " volume=excluded.volume, amount=excluded.amount, side=excluded.side, number=excluded.number";
 
 const char kMoveTicks[] =
     "INSERT INTO ticks SELECT symbol, market, timestamptz 'epoch' + time * interval '1 millisecond', seq, last,"
@@ -128,6 +139,7 @@ class PostgresStore : public Store {
     bool ok = true;
     if (!batch.ticks.empty()) ok = CopyTicks(batch, error) && exec(kMoveTicks, error);
     if (ok && !batch.bars.empty()) ok = CopyBars(batch, error) && exec(kMoveBars, error);
+    if (ok && !batch.trades.empty()) ok = CopyTrades(batch, error) && exec(kMoveTrades, error);
     if (!ok) {
       exec("ROLLBACK", nullptr);
       return false;
@@ -192,6 +204,24 @@ class PostgresStore : public Store {
       }
       k.phase = static_cast<int32_t>(r.i64(i, 25));
       out->push_back(std::move(k));
+    }
+    return true;
+  }
+
+  bool Trades(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
+              std::vector<Trade>* out, std::string* error) override {
+    if (!connected(error)) return false;
+    std::string sql = std::string("SELECT ") + kMs +
+                      ", seq, price, volume, amount, side, number FROM trades WHERE symbol=$1 AND market=$2 AND time"
+                      " BETWEEN timestamptz 'epoch' + $3::bigint * interval '1 millisecond' AND"
+                      " timestamptz 'epoch' + $4::bigint * interval '1 millisecond' ORDER BY time, seq";
+    std::string f = std::to_string(from), t = std::to_string(to);
+    const char* params[] = {symbol.c_str(), market.c_str(), f.c_str(), t.c_str()};
+    Result r(PQexecParams(conn_, sql.c_str(), 4, nullptr, params, nullptr, nullptr, 0));
+    if (r.status() != PGRES_TUPLES_OK) return fail(error, PQresultErrorMessage(r.get()));
+    for (int i = 0; i < PQntuples(r.get()); ++i) {
+      out->push_back(Trade{symbol, market, r.i64(i, 0), static_cast<int32_t>(r.i64(i, 1)), r.f64(i, 2), r.i64(i, 3),
+                           r.f64(i, 4), r.at(i, 5), r.i64(i, 6)});
     }
     return true;
   }
@@ -299,6 +329,30 @@ class PostgresStore : public Store {
       l.end();
     }
     return Copy("COPY ticks_stage FROM STDIN", data, error);
+  }
+
+  bool CopyTrades(const Batch& batch, std::string* error) {
+    std::map<std::tuple<std::string, std::string, int64_t, int32_t>, size_t> last;
+    for (size_t i = 0; i < batch.trades.size(); ++i) {
+      const Trade& t = batch.trades[i];
+      last[{t.symbol, t.market, t.time, t.seq}] = i;
+    }
+    std::string data;
+    for (const auto& [key, i] : last) {
+      const Trade* it = &batch.trades[i];
+      Line l(&data);
+      l.text(it->symbol);
+      l.text(it->market);
+      l.number(it->time);
+      l.number(it->seq);
+      l.number(it->price);
+      l.number(it->volume);
+      l.number(it->amount);
+      l.text(it->side);
+      l.number(it->number);
+      l.end();
+    }
+    return Copy("COPY trades_stage FROM STDIN", data, error);
   }
 
   bool CopyBars(const Batch& batch, std::string* error) {

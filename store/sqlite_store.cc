@@ -24,6 +24,9 @@ const char kSchema[] =
     " bid_vol1 INTEGER, bid_vol2 INTEGER, bid_vol3 INTEGER, bid_vol4 INTEGER, bid_vol5 INTEGER,"
     " ask_vol1 INTEGER, ask_vol2 INTEGER, ask_vol3 INTEGER, ask_vol4 INTEGER, ask_vol5 INTEGER,"
     " phase INTEGER, UNIQUE(symbol, market, time, seq));"
+    "CREATE TABLE IF NOT EXISTS trades(symbol TEXT NOT NULL, market TEXT NOT NULL, time INTEGER NOT NULL,"
+    " seq INTEGER NOT NULL, price REAL, volume INTEGER, amount REAL, side TEXT, number INTEGER,"
+    " UNIQUE(symbol, market, time, seq));"
     "CREATE TABLE IF NOT EXISTS overview(symbol TEXT NOT NULL, market TEXT NOT NULL, interval TEXT NOT NULL,"
     " count INTEGER, first INTEGER, last INTEGER, PRIMARY KEY(symbol, market, interval)) WITHOUT ROWID;";
 
@@ -70,7 +73,10 @@ class SqliteStore : public Store {
     const char* overview =
         "INSERT OR REPLACE INTO overview SELECT symbol, market, interval, count(*), min(time), max(time) FROM bars"
         " WHERE symbol=?1 AND market=?2 AND interval=?3 GROUP BY symbol, market, interval";
-    if (!tick_insert_.prepare(db_, ticks) || !bar_insert_.prepare(db_, bars) || !overview_.prepare(db_, overview)) {
+    const char* trades =
+        "INSERT OR REPLACE INTO trades(symbol,market,time,seq,price,volume,amount,side,number)"
+        " VALUES(?,?,?,?,?,?,?,?,?)";
+    if (!trade_insert_.prepare(db_, trades) || !tick_insert_.prepare(db_, ticks) || !bar_insert_.prepare(db_, bars) || !overview_.prepare(db_, overview)) {
       return fail(error, "cannot prepare the statements of " + path);
     }
     return true;
@@ -91,6 +97,21 @@ class SqliteStore : public Store {
     });
     for (const Tick* t : order) {
       if (!(ok = InsertTick(*t))) break;
+    }
+    for (const Trade& t : batch.trades) {
+      if (!ok) break;
+      sqlite3_stmt* s = trade_insert_.get();
+      sqlite3_bind_text(s, 1, t.symbol.c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_text(s, 2, t.market.c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_int64(s, 3, t.time);
+      sqlite3_bind_int(s, 4, t.seq);
+      sqlite3_bind_double(s, 5, t.price);
+      sqlite3_bind_int64(s, 6, t.volume);
+      sqlite3_bind_double(s, 7, t.amount);
+      sqlite3_bind_text(s, 8, t.side.c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_int64(s, 9, t.number);
+      ok = sqlite3_step(s) == SQLITE_DONE;
+      sqlite3_reset(s);
     }
     if (ok) {
       for (const Bar& b : batch.bars) {
@@ -178,6 +199,28 @@ class SqliteStore : public Store {
       }
       t.phase = sqlite3_column_int(r, 25);
       out->push_back(std::move(t));
+    }
+    return rc == SQLITE_DONE || fail(error, sqlite3_errmsg(db_));
+  }
+
+  bool Trades(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
+              std::vector<Trade>* out, std::string* error) override {
+    Statement s;
+    if (!s.prepare(db_, "SELECT time, seq, price, volume, amount, side, number FROM trades"
+                        " WHERE symbol=?1 AND market=?2 AND time BETWEEN ?3 AND ?4 ORDER BY time, seq")) {
+      return fail(error, sqlite3_errmsg(db_));
+    }
+    sqlite3_bind_text(s.get(), 1, symbol.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_text(s.get(), 2, market.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int64(s.get(), 3, from);
+    sqlite3_bind_int64(s.get(), 4, to);
+    int rc;
+    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
+      sqlite3_stmt* r = s.get();
+      const unsigned char* side = sqlite3_column_text(r, 5);
+      out->push_back(Trade{symbol, market, sqlite3_column_int64(r, 0), sqlite3_column_int(r, 1),
+                           sqlite3_column_double(r, 2), sqlite3_column_int64(r, 3), sqlite3_column_double(r, 4),
+                           side != nullptr ? reinterpret_cast<const char*>(side) : "", sqlite3_column_int64(r, 6)});
     }
     return rc == SQLITE_DONE || fail(error, sqlite3_errmsg(db_));
   }
@@ -277,7 +320,7 @@ class SqliteStore : public Store {
   }
 
   sqlite3* db_ = nullptr;
-  Statement tick_insert_, bar_insert_, overview_;
+  Statement tick_insert_, bar_insert_, trade_insert_, overview_;
 };
 
 }  // namespace

@@ -40,11 +40,25 @@ struct Bar {
   int64_t open_interest = 0;
 };
 
+// One level-2 trade. Key: symbol, market, time, seq.
+struct Trade {
+  std::string symbol;
+  std::string market;
+  int64_t time = 0;
+  int32_t seq = 0;  // order among the symbol's trades of the same time
+  double price = 0;
+  int64_t volume = 0;  // shares
+  double amount = 0;
+  std::string side;  // "B" buyer-initiated, "S" seller-initiated, as the exchange marks it
+  int64_t number = 0;  // the exchange's trade number
+};
+
 struct Batch {
   std::vector<Tick> ticks;
   std::vector<Bar> bars;
-  size_t size() const { return ticks.size() + bars.size(); }
-  bool empty() const { return ticks.empty() && bars.empty(); }
+  std::vector<Trade> trades;
+  size_t size() const { return ticks.size() + bars.size() + trades.size(); }
+  bool empty() const { return ticks.empty() && bars.empty() && trades.empty(); }
 };
 
 // One row of the overview: what the store holds of a symbol's interval.
@@ -70,6 +84,8 @@ class Store {
                     int64_t from, int64_t to, std::vector<Bar>* out, std::string* error) = 0;
   virtual bool Ticks(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
                      std::vector<Tick>* out, std::string* error) = 0;
+  virtual bool Trades(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
+                      std::vector<Trade>* out, std::string* error) = 0;
   virtual bool Overviews(std::vector<Overview>* out, std::string* error) = 0;
 
   // The time of the symbol's latest row of an interval ("tick" for ticks)

@@ -57,6 +57,8 @@ kqstore::Batch SampleBatch(const std::string& code) {
   for (int i = 0; i < 5; ++i) b.bars.push_back(MakeBar(code, "1m", kT0 + i * 60000, 10 + i));
   b.bars.push_back(MakeBar(code, "1m", kT0, 8));
   b.bars.push_back(MakeBar(code, "1d", kT0 - kT0 % 86400000, 12));
+  for (int i = 0; i < 3; ++i) b.trades.push_back({code, "SH", kT0 + 5, i, 10.5 + i, 200, 2100.0, "B", 1000 + i});
+  b.trades.push_back({code, "SH", kT0 + 5, 2, 9.0, 300, 2700.0, "S", 77});
   return b;
 }
 
@@ -134,6 +136,13 @@ TEST_P(StoreTest, WritingABatchTwiceLeavesTheSameRows) {
   EXPECT_EQ(overview[1].first, kT0);
   EXPECT_EQ(overview[1].last, kT0 + 240000);
 
+  std::vector<kqstore::Trade> trades;
+  ASSERT_TRUE(store_->Trades("600000", "SH", kT0, kT0 + 10, &trades, &error)) << error;
+  ASSERT_EQ(trades.size(), 3u);
+  EXPECT_EQ(trades[1].number, 1001);
+  EXPECT_EQ(trades[2].side, "S");
+  EXPECT_EQ(trades[2].volume, 300);
+
   int64_t latest = 0;
   ASSERT_TRUE(store_->LatestTime("600000", "SH", "1m", kT0 + 120000, &latest, &error)) << error;
   EXPECT_EQ(latest, kT0 + 60000);
@@ -207,7 +216,7 @@ TEST(Spool, FullDropsTheOldestTicksAndKeepsBars) {
   std::string error;
   ASSERT_TRUE(spool.Open(&error));
   for (const char* code : {"600001", "600002", "600003"}) ASSERT_TRUE(spool.Push(SampleBatch(code), &error));
-  EXPECT_EQ(spool.dropped_ticks(), 51u);
+  EXPECT_EQ(spool.dropped_ticks(), 55u);
   EXPECT_EQ(spool.files(), 3u);
   std::vector<size_t> ticks, bars;
   kqstore::Batch batch;
@@ -216,7 +225,7 @@ TEST(Spool, FullDropsTheOldestTicksAndKeepsBars) {
     bars.push_back(batch.bars.size());
     spool.PopFront();
   }
-  EXPECT_EQ(ticks, (std::vector<size_t>{0, 51, 51}));
+  EXPECT_EQ(ticks, (std::vector<size_t>{0, 51, 51}));  // trades went with the first file's ticks
   EXPECT_EQ(bars, (std::vector<size_t>{7, 7, 7}));
   EXPECT_TRUE(fs::is_empty(dir));
   fs::remove_all(dir);

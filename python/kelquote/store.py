@@ -133,6 +133,18 @@ class Store:
         frame = self._frame(rows, ["seq"] + _TICK_COLUMNS, f"{code}.{market}")
         return frame[["symbol"] + _TICK_COLUMNS + ["seq"]]
 
+    def trades(self, symbol, start=None, end=None):
+        """Level-2 trades of symbol (recorded with trades = true): price, volume in shares, side B or S."""
+        code, market = _split(symbol)
+        columns = ["price", "volume", "amount", "side", "number"]
+        rows = self._query(f"SELECT {self._time}, seq, {', '.join(columns)} FROM trades"
+                           f" WHERE symbol = ? AND market = ? AND {self._range('time')} ORDER BY time, seq",
+                           (code, market, _ms(start, 0), _ms(end, _FAR)))
+        frame = pd.DataFrame([r[1:] for r in rows], columns=["seq"] + columns)
+        frame.index = _index([r[0] for r in rows])
+        frame.insert(0, "symbol", f"{code}.{market}")
+        return frame[["symbol"] + columns + ["seq"]]
+
     def overview(self):
         """What the store holds: symbol, interval, count, first and last bar time."""
         rows = self._query(f"SELECT symbol || '.' || market, interval, count,"

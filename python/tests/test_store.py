@@ -34,8 +34,9 @@ def store(request, tmp_path_factory):
     (run / "ini").mkdir(parents=True)
     (base / "userdata" / "log").mkdir(parents=True)
     shutil.copy(ROOT / "config" / "dravikcfg.dat", run)
+    (run / "record.conf").write_text("trades = true\n")
     env = dict(os.environ, TZ="Asia/Shanghai", KELQUOTE_SIM_CLOCK="0-100000")
-    done = subprocess.run([RECORD, "--url", url, "--symbols", "600000.SH,000001.SZ", "--seconds", "4"],
+    done = subprocess.run([RECORD, "--settings", "record.conf", "--url", url, "--symbols", "600000.SH,000001.SZ", "--seconds", "4"],
                           cwd=run, env=env, capture_output=True, text=True, timeout=120)
     assert done.returncode == 0, done.stdout + done.stderr
     with Store(url) as s:
@@ -69,6 +70,9 @@ def test_ranges_and_ticks(store):
                                    + [f"ask_vol{i}" for i in range(1, 6)] + ["phase", "seq"])
     assert len(ticks) > 100 and (ticks["symbol"] == "000001.SZ").all()
     assert ticks.index.min() >= day + pd.Timedelta("09:30:00") and ticks["volume"].is_monotonic_increasing
+    trades = store.trades("000001.SZ")
+    assert list(trades.columns) == ["symbol", "price", "volume", "amount", "side", "number", "seq"]
+    assert len(trades) > 0 and set(trades["side"]) <= {"B", "S"} and trades.index.is_monotonic_increasing
     overview = store.overview()
     assert set(overview["interval"]) == {"1m", "1d"}
 

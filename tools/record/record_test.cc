@@ -32,6 +32,7 @@ TEST(Recorder, HistoryFillsTheMinutesAndTicksOfAnOutage) {
   record::Settings settings;
   settings.url = "sqlite://" + (folder.root() / "r.db").string();
   settings.symbols = {"600000.SH"};
+  settings.trades = true;
   settings.spool = (folder.root() / "spool").string();
   auto store = kqstore::Store::Open(settings.url, nullptr);
   ASSERT_TRUE(store);
@@ -88,6 +89,9 @@ TEST(Recorder, HistoryFillsTheMinutesAndTicksOfAnOutage) {
   ASSERT_TRUE(store->Ticks("600000", "SH", utils::timeToMilliseconds(day, 100100),
                            utils::timeToMilliseconds(day, 100400), &ticks, &error));
   EXPECT_GT(ticks.size(), 50u);
+  std::vector<kqstore::Trade> trades;
+  ASSERT_TRUE(store->Trades("600000", "SH", 0, INT64_MAX, &trades, &error));
+  EXPECT_FALSE(trades.empty());
   SimReportConnection(0, 2);
   SimWaitIdle(5000);
   SimSetTimeOfDay(-1);

@@ -9,7 +9,7 @@ namespace record {
 namespace {
 
 constexpr int64_t kDay = 86400000;
-constexpr int32_t kTicks = 3000, kBars = 3001;
+constexpr int32_t kTicks = 3000, kBars = 3001, kLevel2Trades = 1801;
 
 int64_t DayStart(int64_t time) {
   return utils::timeToMilliseconds(static_cast<int>(utils::millisecondsToTime(time) / 1000000), 0);
@@ -108,6 +108,19 @@ bool Recorder::Start(std::string* error) {
       return false;
     }
     subscriptions_.push_back(id);
+    if (!settings_.trades) continue;
+    meta.metaId = kLevel2Trades;
+    id = client_->subscribeQuote(meta, {}, "", [this, code, market](se::EQuoteSubStatus status,
+                                                                    const tavr::QuoteRecords& records,
+                                                                    se::EDataArrivedTag) {
+      if (status == se::kQuoteData) OnTrades(code, market, records);
+    });
+    if (id < 0) {
+      *error = "cannot subscribe the level-2 trades of " + symbol;
+      Stop();
+      return false;
+    }
+    subscriptions_.push_back(id);
   }
   for (const std::string& market : settings_.markets) {
     int id = client_->subWholeQuote(market, [this, market](const tavr::QuoteMap& records) {
@@ -176,6 +189,24 @@ void Recorder::OnSnapshot(const std::string& code, const std::string& market, co
     gaps_.push_back(std::move(*gap));
     gaps_cv_.notify_all();
   }
+}
+
+void Recorder::OnTrades(const std::string& code, const std::string& market, const tavr::QuoteRecords& records) {
+  kqstore::Batch batch;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    Symbol& s = symbols_[code + "." + market];
+    for (const auto& r : records) {
+      if (!r || r->kind() != quoter::RecordKind::kTransaction) continue;
+      const auto& t = static_cast<const quoter::TransactionData&>(*r);
+      s.trade_seq = t.time == s.trade_time ? s.trade_seq + 1 : 0;
+      s.trade_time = t.time;
+      batch.trades.push_back(kqstore::Trade{code, market, t.time, s.trade_seq, t.price, t.volume, t.amount,
+                                            t.flag1 == 'B' ? "B" : t.flag1 == 'S' ? "S" : "", t.number1});
+    }
+  }
+  received_.fetch_add(batch.trades.size(), std::memory_order_relaxed);
+  writer_->Add(std::move(batch));
 }
 
 void Recorder::OnConnection(int code) {

@@ -59,6 +59,8 @@ class Recorder {
     int64_t last_time = 0;
     int32_t seq = 0;
     bool need_backfill = true;
+    int64_t trade_time = 0;  // the latest level-2 trade's time and its seq
+    int32_t trade_seq = 0;
     int64_t daily_minute = 0;  // when the daily bar last went out
     std::optional<kqstore::Bar> daily;
   };
@@ -67,6 +69,7 @@ class Recorder {
     int64_t first_live = 0;   // time of the first snapshot after the gap
     int64_t bars_until = 0;   // end of the base's minute
   };
+  void OnTrades(const std::string& code, const std::string& market, const tavr::QuoteRecords& records);
   void Backfill();
   void FillGap(kqstore::Store* store, const Gap& gap);
   // Waits for every block of one history request.

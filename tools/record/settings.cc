@@ -16,7 +16,7 @@ const char kUsage[] =
     "  holding dravikcfg.dat and ini/, beside ../userdata/. A value given here overrides\n"
     "  the settings file's.\n"
     "  --settings FILE  key = value lines: url, symbols, markets, ticks, bars_1m, bars_1d,\n"
-    "                   backfill, spool, spool_max_mb, flush_ms, status_seconds, seconds\n"
+    "                   trades, backfill, spool, spool_max_mb, flush_ms, status_seconds, seconds\n"
     "  --url URL        sqlite:///path or postgresql://user@host:port/db\n"
     "                   (default sqlite://../userdata/store/kelquote.db)\n"
     "  --symbols LIST   instruments as code.market (SH, SZ, SHO, SZO, IF, SF, INE, DF, ZF, HGT, SGT)\n"
@@ -82,6 +82,8 @@ bool Apply(const std::string& key, const std::string& value, Settings* s, std::s
     ok = ParseBool(value, &s->bars_1m);
   } else if (key == "bars_1d") {
     ok = ParseBool(value, &s->bars_1d);
+  } else if (key == "trades") {
+    ok = ParseBool(value, &s->trades);
   } else if (key == "backfill") {
     ok = ParseBool(value, &s->backfill);
   } else if (key == "spool") {

@@ -16,6 +16,7 @@ struct Settings {
   bool ticks = true;
   bool bars_1m = true;
   bool bars_1d = true;
+  bool trades = false;            // level-2 trades of the named symbols (needs level-2 rights)
   bool backfill = true;           // history fills the gaps of the named symbols
   std::string spool = "../userdata/store/spool";
   uint64_t spool_max_mb = 1024;

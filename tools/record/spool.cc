@@ -10,7 +10,7 @@ namespace record {
 namespace {
 
 namespace fs = std::filesystem;
-const char kMagic[8] = {'K', 'Q', 'S', 'P', 'O', 'O', 'L', '1'};
+const char kMagic[8] = {'K', 'Q', 'S', 'P', 'O', 'O', 'L', '2'};
 
 template <typename T>
 void Put(std::string* out, const T& v) {
@@ -58,6 +58,7 @@ bool Spool::Encode(const kqstore::Batch& batch, std::string* out) {
   out->append(kMagic, sizeof kMagic);
   Put(out, static_cast<uint64_t>(batch.ticks.size()));
   Put(out, static_cast<uint64_t>(batch.bars.size()));
+  Put(out, static_cast<uint64_t>(batch.trades.size()));
   for (const kqstore::Tick& t : batch.ticks) {
     PutText(out, t.symbol);
     PutText(out, t.market);
@@ -85,18 +86,33 @@ bool Spool::Encode(const kqstore::Batch& batch, std::string* out) {
     Put(out, b.amount);
     Put(out, b.open_interest);
   }
+  for (const kqstore::Trade& t : batch.trades) {
+    PutText(out, t.symbol);
+    PutText(out, t.market);
+    Put(out, t.time);
+    Put(out, t.seq);
+    Put(out, t.price);
+    Put(out, t.volume);
+    Put(out, t.amount);
+    PutText(out, t.side);
+    Put(out, t.number);
+  }
   return true;
 }
 
 bool Spool::Decode(const std::string& data, kqstore::Batch* batch) {
   Reader r(data);
   char magic[sizeof kMagic];
-  uint64_t ticks = 0, bars = 0;
-  if (!r.get(&magic) || std::memcmp(magic, kMagic, sizeof kMagic) != 0 || !r.get(&ticks) || !r.get(&bars)) return false;
+  uint64_t ticks = 0, bars = 0, trades = 0;
+  if (!r.get(&magic) || std::memcmp(magic, kMagic, sizeof kMagic) != 0 || !r.get(&ticks) || !r.get(&bars) ||
+      !r.get(&trades)) {
+    return false;
+  }
   // Each row takes far more than one byte: a count beyond the data is damage.
-  if (ticks > data.size() || bars > data.size()) return false;
+  if (ticks > data.size() || bars > data.size() || trades > data.size()) return false;
   batch->ticks.resize(ticks);
   batch->bars.resize(bars);
+  batch->trades.resize(trades);
   for (kqstore::Tick& t : batch->ticks) {
     if (!r.text(&t.symbol) || !r.text(&t.market) || !r.get(&t.time) || !r.get(&t.seq) || !r.get(&t.last) ||
         !r.get(&t.volume) || !r.get(&t.amount) || !r.get(&t.bid) || !r.get(&t.ask) || !r.get(&t.bid_vol) ||
@@ -108,6 +124,12 @@ bool Spool::Decode(const std::string& data, kqstore::Batch* batch) {
     if (!r.text(&b.symbol) || !r.text(&b.market) || !r.text(&b.interval) || !r.get(&b.time) || !r.get(&b.open) ||
         !r.get(&b.high) || !r.get(&b.low) || !r.get(&b.close) || !r.get(&b.volume) || !r.get(&b.amount) ||
         !r.get(&b.open_interest)) {
+      return false;
+    }
+  }
+  for (kqstore::Trade& t : batch->trades) {
+    if (!r.text(&t.symbol) || !r.text(&t.market) || !r.get(&t.time) || !r.get(&t.seq) || !r.get(&t.price) ||
+        !r.get(&t.volume) || !r.get(&t.amount) || !r.text(&t.side) || !r.get(&t.number)) {
       return false;
     }
   }
@@ -177,9 +199,11 @@ void Spool::Trim() {
     Entry& e = files_[i];
     kqstore::Batch batch;
     std::string error;
-    if (!ReadFile(e.path, &batch) || batch.ticks.empty()) continue;
-    dropped_ticks_ += batch.ticks.size();
+    // Level-2 trades count as ticks here: only bars are never dropped.
+    if (!ReadFile(e.path, &batch) || (batch.ticks.empty() && batch.trades.empty())) continue;
+    dropped_ticks_ += batch.ticks.size() + batch.trades.size();
     batch.ticks.clear();
+    batch.trades.clear();
     bytes_ -= e.bytes;
     rows_ -= e.rows;
     std::error_code ec;

@@ -42,6 +42,7 @@ void Writer::Add(kqstore::Batch&& rows) {
   }
   std::move(rows.ticks.begin(), rows.ticks.end(), std::back_inserter(pending_.ticks));
   std::move(rows.bars.begin(), rows.bars.end(), std::back_inserter(pending_.bars));
+  std::move(rows.trades.begin(), rows.trades.end(), std::back_inserter(pending_.trades));
 }
 
 WriterStatus Writer::status() {
