@@ -62,7 +62,9 @@ int main(int argc, char** argv) {
   tavr::BaseQuoteClient* client = getKelClient();
   std::unique_ptr<record::Recorder> recorder;
   std::mutex recorder_mu;
+  std::atomic<bool> ending{false};
   client->registerQuoterConnectCallBack([&](int code, std::string text) {
+    if (ending.load()) return;  // the session's own end, below
     Say("connection " + std::to_string(code) + ": " + utils::safeGbk2Utf8(text));
     std::lock_guard<std::mutex> lock(recorder_mu);
     if (recorder) recorder->OnConnection(code);
@@ -124,6 +126,7 @@ int main(int argc, char** argv) {
   }
   // The library has no logout: the service ends the session, which also
   // ends the library's threads before the process exits.
+  ending = true;
   SimReportConnection(0, 2);
   SimWaitIdle(5000);
   return 0;
