@@ -4,11 +4,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <mutex>
 #include <thread>
 
-#include "dataapi/sim/sim_control.h"
 #include "kelquote/KelQuoteClient.h"
 #include "tools/record/recorder.h"
 #include "tools/record/settings.h"
@@ -36,6 +37,11 @@ int Fail(const std::string& text) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The library stamps records in local time, and exchange time is China
+  // Standard Time: without a TZ of the user's, the process takes it (a POSIX
+  // value, no tzdata needed) before anything reads the clock.
+  if (std::getenv("TZ") == nullptr) setenv("TZ", "CST-8", 1);
+  tzset();
   record::Settings settings;
   bool help = false;
   std::string error;
@@ -124,10 +130,9 @@ int main(int argc, char** argv) {
     std::lock_guard<std::mutex> lock(recorder_mu);
     recorder.reset();
   }
-  // The library has no logout: the service ends the session, which also
-  // ends the library's threads before the process exits.
+  // Stopping the data manager ends the session and the library's threads
+  // before the process exits, whichever quote service is loaded.
   ending = true;
-  SimReportConnection(0, 2);
-  SimWaitIdle(5000);
+  tavr::KelQuoteClient::get().startLogin(1);
   return 0;
 }
