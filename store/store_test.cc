@@ -146,6 +146,28 @@ TEST_P(StoreTest, WritingABatchTwiceLeavesTheSameRows) {
   int64_t latest = 0;
   ASSERT_TRUE(store_->LatestTime("600000", "SH", "1m", kT0 + 120000, &latest, &error)) << error;
   EXPECT_EQ(latest, kT0 + 60000);
+
+  // A later batch, out of key order, repeats a key with a new value beside
+  // a new row: the row is replaced. Then a batch of new rows only.
+  kqstore::Batch later, fresh;
+  later.ticks = {MakeTick("600000", kT0 + 90000, 0, 11.5), MakeTick("600000", kT0, 0, 9.75)};
+  fresh.ticks = {MakeTick("510050", kT0 + 7, 3, 3.25), MakeTick("510050", kT0 + 7, 2, 3.5)};
+  ASSERT_TRUE(store_->Write(later, &error)) << error;
+  ASSERT_TRUE(store_->Write(fresh, &error)) << error;
+  ticks.clear();
+  ASSERT_TRUE(store_->Ticks("600000", "SH", kT0, kT0 + 90000, &ticks, &error)) << error;
+  ASSERT_EQ(ticks.size(), 51u);
+  EXPECT_EQ(ticks[0].last, 9.75);
+  EXPECT_EQ(ticks[50].last, 11.5);
+  ticks.clear();
+  ASSERT_TRUE(store_->Ticks("510050", "SH", kT0, kT0 + 7, &ticks, &error)) << error;
+  ASSERT_EQ(ticks.size(), 2u);
+  EXPECT_EQ(ticks[0].seq, 2);
+  EXPECT_EQ(ticks[1].time, kT0 + 7);
+  EXPECT_EQ(ticks[1].volume, 103);
+  EXPECT_DOUBLE_EQ(ticks[1].bid[4], 3.2);
+  EXPECT_EQ(ticks[1].ask_vol[4], 7);
+  EXPECT_EQ(ticks[1].phase, 13);
 }
 
 // The database goes away mid-run and comes back: rows wait in the spool,
