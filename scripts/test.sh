@@ -5,7 +5,10 @@
 #   KELQUOTE_FLAVOURS="release" scripts/test.sh   a subset (release, asan, tsan)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh pybind11-dev python3-dev python3-numpy python3-pandas python3-pytest
+scripts/install-deps.sh
+# The Python package, the store's databases and its Python reader.
+scripts/install-deps.sh pybind11-dev python3-dev python3-numpy python3-pandas python3-pytest \
+  libsqlite3-dev libpq-dev postgresql python3-psycopg2
 
 jobs=$(nproc 2>/dev/null || echo 2)
 flavours=${KELQUOTE_FLAVOURS:-"release asan tsan"}
@@ -23,12 +26,14 @@ for flavour in $flavours; do
   echo "== $flavour: build"
   scripts/build.sh "$flavour" -DKELQUOTE_TESTS=ON "${args[@]}"
   echo "== $flavour: test"
-  (cd "build/$flavour" && ctest -j "$jobs" --output-on-failure --no-tests=error)
+  # Beside a PostgreSQL server of its own for the store's tests.
+  scripts/pg-test-server.sh bash -c "cd build/$flavour && ctest -j $jobs --output-on-failure --no-tests=error"
   # The Python package against the same build, with Debian's python3 whatever
   # PATH says; any exit but 0 (5: no tests ran) fails the run.
   if [ "$flavour" = release ]; then
     echo "== release: python"
     ls build/release/python/kelquote/_kelquote*.so >/dev/null
-    KELQUOTE_PYTHONPATH=build/release/python /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+    KELQUOTE_PYTHONPATH=build/release/python KELQUOTE_RECORD_BIN="$(pwd)/build/release/bin/kelquote_record" \
+      scripts/pg-test-server.sh /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
   fi
 done

@@ -1,5 +1,7 @@
 #include "dataapi/sim/sim_api.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -10,13 +12,35 @@
 
 namespace sim {
 
+namespace {
+
+// KELQUOTE_SIM_CLOCK=yyyymmdd-hhmmss starts the clock there (a date of 0: the
+// latest trading day), so that any host, not only one that links this
+// control interface, can run a trading session at any hour.
+void ApplyClockFromEnvironment(SimDataApi& api) {
+  const char* text = std::getenv("KELQUOTE_SIM_CLOCK");
+  if (text == nullptr || *text == '\0') return;
+  int date = -1, hhmmss = -1;
+  char tail = 0;
+  bool ok = std::sscanf(text, "%d-%d%c", &date, &hhmmss, &tail) == 2 && date >= 0 && hhmmss >= 0;
+  if (ok) {
+    if (date == 0) date = trading_day_on_or_before(local_today());
+    ok = api.set_clock(date, hhmmss);
+  }
+  if (!ok) std::fprintf(stderr, "KELQUOTE_SIM_CLOCK=%s is not yyyymmdd-hhmmss: the simulated clock follows the local clock\n", text);
+}
+
+}  // namespace
+
 SimDataApi& SimDataApi::instance() {
   // Never destroyed: a host may still call in while the process exits. Its
   // callback thread runs as long, so the library stays loaded.
   static SimDataApi* api = [] {
     static const char anchor = 0;  // an address inside this library
     port::PinModule(&anchor);
-    return new SimDataApi();
+    auto* created = new SimDataApi();
+    ApplyClockFromEnvironment(*created);
+    return created;
   }();
   return *api;
 }
