@@ -60,10 +60,6 @@ class KELQUOTE_API KelQuoteClient : public BaseQuoteClient {
   void add_mkt_push_info(short id, WholeQuoteCallback callback);
   bool del_mkt_push_info(short id);
 
-  // 0 starts the data manager again, 1 stops it and its threads: the way a
-  // host ends its session, whichever quote service is loaded.
-  void startLogin(int action);
-
   bool logged_in() const;
   // The data manager behind this client; null before the first login unless attached.
   DvDataMgr* data_manager() const;
@@ -72,6 +68,8 @@ class KELQUOTE_API KelQuoteClient : public BaseQuoteClient {
 
  private:
   friend class KelQuoteClientTest;
+  // 0 starts the data manager again, 1 stops it.
+  void startLogin(int action);
   // Registers a history request's callback, replacing any under the same id.
   void add_history_info(short id, QuoteCallback callback);
   // Registers a financial request's parameter and callback, replacing any under the same id.

@@ -34,6 +34,15 @@ int Fail(const std::string& text) {
   return 1;
 }
 
+// Once logged in, the library's threads run until the process ends (it has
+// no logout, and a quote service other than the simulator cannot be told to
+// end the session), so the process leaves without running static
+// destructors under them. Everything received is written by then.
+[[noreturn]] int Leave(int code) {
+  std::fflush(nullptr);
+  std::_Exit(code);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -68,9 +77,7 @@ int main(int argc, char** argv) {
   tavr::BaseQuoteClient* client = getKelClient();
   std::unique_ptr<record::Recorder> recorder;
   std::mutex recorder_mu;
-  std::atomic<bool> ending{false};
   client->registerQuoterConnectCallBack([&](int code, std::string text) {
-    if (ending.load()) return;  // the session's own end, below
     Say("connection " + std::to_string(code) + ": " + utils::safeGbk2Utf8(text));
     std::lock_guard<std::mutex> lock(recorder_mu);
     if (recorder) recorder->OnConnection(code);
@@ -83,7 +90,7 @@ int main(int argc, char** argv) {
   });
   if (!logged_in) {
     writer.Stop();
-    return Fail("login failed: " + reason);
+    return Leave(Fail("login failed: " + reason));
   }
   {
     std::lock_guard<std::mutex> lock(recorder_mu);
@@ -92,7 +99,7 @@ int main(int argc, char** argv) {
   recorder->set_note(Say);
   if (!recorder->Start(&error)) {
     writer.Stop();
-    return Fail(error);
+    return Leave(Fail(error));
   }
   Say("recording into " + settings.url + (settings.seconds > 0 ? " for " + std::to_string(settings.seconds) + " s" : "") +
       "; SIGINT or SIGTERM stops");
@@ -130,9 +137,6 @@ int main(int argc, char** argv) {
     std::lock_guard<std::mutex> lock(recorder_mu);
     recorder.reset();
   }
-  // Stopping the data manager ends the session and the library's threads
-  // before the process exits, whichever quote service is loaded.
-  ending = true;
-  tavr::KelQuoteClient::get().startLogin(1);
-  return 0;
+  store.reset();
+  return Leave(0);
 }
