@@ -258,13 +258,12 @@ void KelQuoteClient::requestFinanceData(const FinanceDataParam& param, FinanceCa
                                                                        static_cast<int32_t>(param.begin),
                                                                        static_cast<int32_t>(param.end))
                                            : kRequestFailed);
-    if (id >= 0) {
-      state_->finance[id] = {param, std::move(callback)};
-    } else {
-      CMyLog::PrintLog(LOG_ERROR, function, "Failed to get %s.%s finance data...", param.code.c_str(),
-                       market.c_str());
-      host_call(callback, param.market, param, FinanceResult(), se::kQuoteFailure);
-    }
+    if (id >= 0) state_->finance[id] = {param, std::move(callback)};
+  }
+  if (id < 0) {
+    // Unlocked: the host's failure callback may do anything, from any thread.
+    CMyLog::PrintLog(LOG_ERROR, function, "Failed to get %s.%s finance data...", param.code.c_str(), market.c_str());
+    host_call(callback, param.market, param, FinanceResult(), se::kQuoteFailure);
   }
   CMyLog::PrintLog(LOG_INFO, function, "[id=%d] Request %s.%s finance data....", id, param.code.c_str(),
                    market.c_str());

@@ -90,16 +90,29 @@ TEST_F(KelQuoteClientTest, RefusedRequestsFailWithTheirTexts) {
   FinanceDataParam param;
   param.market = "SZ";
   param.code = "000001";
-  int statuses = 0;
-  client_.requestFinanceData(param, [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
-                                        se::EQuoteSubStatus status) {
+  // The failure callback runs with no lock held: a request of another
+  // thread (a subscription's callback, say) completes meanwhile.
+  std::atomic<int> statuses{0};
+  std::thread other;
+  bool other_done_inside = false;
+  auto failed = [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
+                    se::EQuoteSubStatus status) {
     EXPECT_EQ(market, "SZ");
     EXPECT_EQ(p.code, "000001");
     EXPECT_TRUE(data.empty());
     EXPECT_EQ(status, se::kQuoteFailure);
     ++statuses;
+  };
+  client_.requestFinanceData(param, [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
+                                        se::EQuoteSubStatus status) {
+    failed(market, p, data, status);
+    other = std::thread([&] { client_.requestFinanceData(param, failed); });
+    for (int i = 0; i < 500 && statuses < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    other_done_inside = statuses == 2;
   });
-  EXPECT_EQ(statuses, 1);
+  other.join();
+  EXPECT_TRUE(other_done_inside) << "the failure callback ran under the finance lock";
+  EXPECT_EQ(statuses, 2);
   EXPECT_TRUE(log_.contains("Failed to get 000001.SZ finance data..."));
 }
 
@@ -159,7 +172,7 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   EXPECT_TRUE(client_.del_mkt_push_info(2));
 }
 
-TEST_F(KelQuoteClientTest, UnsubscribeWaitsForTheCallbackInProgressButNeverForItself) {
+TEST_F(KelQuoteClientTest, UnsubscribeWaitsOutsideCallbacksOnly) {
   int calls = 0;
   client_.add_quote_info(50, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
     ++calls;
@@ -207,6 +220,33 @@ TEST_F(KelQuoteClientTest, UnsubscribeWaitsForTheCallbackInProgressButNeverForIt
   ASSERT_EQ(finished, 2) << "two callbacks unsubscribing each other hang";
   first.join();
   second.join();
+
+  // A, running, unsubscribes B while B's callback is busy and returns at
+  // once; a host thread's unsubscribe(A) meanwhile still waits for A's call.
+  std::atomic<bool> b_inside{false}, b_release{false}, a_past{false}, host_calling{false}, a_running{false};
+  client_.add_quote_info(70, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    b_inside = true;
+    while (!b_release) std::this_thread::yield();
+  });
+  client_.add_quote_info(71, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    a_running = true;
+    while (!b_inside) std::this_thread::yield();
+    client_.unsubscribe(70);
+    a_past = true;
+    while (!host_calling) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    a_running = false;
+  });
+  std::thread b([&] { client_.onSubscribe(70, {}); });
+  std::thread a([&] { client_.onSubscribe(71, {}); });
+  for (int i = 0; i < 500 && !a_past; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(a_past) << "a callback's unsubscribe waited for another callback";
+  b_release = true;
+  host_calling = true;
+  client_.unsubscribe(71);
+  EXPECT_FALSE(a_running) << "unsubscribe returned while the callback ran";
+  a.join();
+  b.join();
 }
 
 TEST_F(KelQuoteClientTest, SubscribeAndDeliverConcurrently) {

@@ -250,6 +250,7 @@ class DvDataMgr {
   // A service thread is about to wait for a reply: when no other server is
   // left to take replies, a stand-in starts.
   void enter_blocked();
+  void start_timer_thread();
   void end_timer_thread();
   void seed_markets();
   // Reads the capture setting; when it is on, requests go through a recorder.
@@ -294,7 +295,11 @@ class DvDataMgr {
 
   int thread_count_ = 0;
   ThreadHandle* threads_ = nullptr;
-  port::Semaphore timer_sem_{0, 1024};
+  // The timer thread ends when timer_stop_ is set: a flag, so that nothing
+  // of one run's stop is left over for the next run's thread.
+  std::mutex timer_mu_;
+  std::condition_variable timer_cv_;
+  bool timer_stop_ = false;  // guarded by timer_mu_
   ThreadHandle timer_thread_ = nullptr;
   std::atomic<int> timer_started_{0};
 

@@ -160,7 +160,11 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
                      static_cast<long long>(CountOf(rule, record)));
     return -1;
   }
-  if (!mgr_->queue_admits(size + rule.spare)) {
+  // After stop nobody would take it.
+  if (!mgr_->is_started()) return -1;
+  // The limit holds back streams only: a request waits for every reply.
+  bool stream = rule.key != CopyRule::Key::kNone && rule.key != CopyRule::Key::kRequest;
+  if (stream && !mgr_->queue_admits(size + rule.spare)) {
     Dropped(rule);
     return -1;
   }

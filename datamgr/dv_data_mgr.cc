@@ -160,7 +160,7 @@ bool DvDataMgr::start() {
   request_market_data(0);
   request_holidays();
   request_hkc_rate(0, 0);
-  if (!threads_run) timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+  if (!threads_run) start_timer_thread();
   return true;
 }
 
@@ -185,8 +185,21 @@ void DvDataMgr::end_service_threads() {
   thread_count_ = 0;
 }
 
+void DvDataMgr::start_timer_thread() {
+  {
+    std::lock_guard<std::mutex> lock(timer_mu_);
+    timer_stop_ = false;
+  }
+  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+}
+
 void DvDataMgr::end_timer_thread() {
-  timer_sem_.Release();
+  if (timer_thread_ == nullptr) return;
+  {
+    std::lock_guard<std::mutex> lock(timer_mu_);
+    timer_stop_ = true;
+  }
+  timer_cv_.notify_all();
   thread_join(timer_thread_);
   timer_thread_ = nullptr;
 }
@@ -352,9 +365,12 @@ void DvDataMgr::timer_loop() {
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
   int last_date = -1;
   while (true) {
-    if (timer_sem_.AcquireFor(std::chrono::milliseconds(timer_period_ms_))) {
-      CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
-      return;
+    {
+      std::unique_lock<std::mutex> lock(timer_mu_);
+      if (timer_cv_.wait_for(lock, std::chrono::milliseconds(timer_period_ms_), [this] { return timer_stop_; })) {
+        CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
+        return;
+      }
     }
     int64_t seconds = static_cast<int64_t>(clock_());
     int64_t now = utils::millisecondsToTime(seconds * 1000);
