@@ -111,6 +111,10 @@ class DvDataMgr {
   // bytes of data that handlers may read.
   void on_reply_data(int msg_type, void* data, size_t size);
 
+  // The stream key of the message the calling thread is handling; 0 outside
+  // one (a handler called directly then serves every instrument).
+  static uint32_t message_key();
+
   // Reply handlers, one per message type, each given the copied record and
   // the number of bytes copied, which bounds what it reads.
   void on_reply_power(const void* data, size_t size);

@@ -20,6 +20,7 @@ namespace {
 
 // The data manager whose queue the calling thread serves, if any.
 thread_local DvDataMgr* t_serving = nullptr;
+thread_local uint32_t t_message_key = 0;
 
 }  // namespace
 
@@ -239,11 +240,13 @@ void DvDataMgr::handle_msg(int server, DataMsg* msg) {
     // The lines of one message reach the log file together.
     SizedRollingFileAppender::FlushBatch batch;
     if (message_hook_) message_hook_(msg->msg_type, msg->data, msg->size);
+    t_message_key = msg->key;
     on_reply_data(static_cast<int>(msg->msg_type), msg->data, msg->size);
   } catch (...) {
     CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",
                      "数据服务线程, do bussiness catch Exception!!!...");
   }
+  t_message_key = 0;
   queue_.recycle(server, msg);
   handled_[server].value.fetch_add(1);
   if (idle_waiters_.load() > 0 && pending() == 0) {
@@ -251,6 +254,8 @@ void DvDataMgr::handle_msg(int server, DataMsg* msg) {
     idle_cv_.notify_all();
   }
 }
+
+uint32_t DvDataMgr::message_key() { return t_message_key; }
 
 void DvDataMgr::handle_chain(int server, DataMsg* msg) {
   while (msg != nullptr) {
