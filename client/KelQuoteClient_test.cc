@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "datamgr/DvDataMgr.h"
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
+#include "testkit/records.h"
 #include "testkit/work_dir.h"
 
 namespace tavr {
@@ -412,6 +414,69 @@ TEST_F(LoginTest, AFailedConnectIsRetriedFromTheCallbackAndALostOneByTheNextLogi
   StartLogin(0);
   EXPECT_TRUE(client_.logged_in());
   EXPECT_TRUE(mgr_.is_started());
+}
+
+// A host that stops and starts the service from inside a level-1 callback,
+// and one whose other thread stops it meanwhile: no delivery overlaps or
+// goes back in time, nothing hangs.
+TEST_F(LoginTest, StopAndStartFromInsideACallback) {
+  dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
+                                                  testkit::servers_xml(1) + "</history>"));
+  ASSERT_TRUE(Login().first);
+  const std::vector<ApiCodeInit> codes{testkit::code_init("600000", "x", 2, 100)};
+  auto init_market = [&] {
+    mgr_.callback()->OnMarketInit(testkit::market_init(2, 20240102, codes).data());
+    mgr_.callback()->OnRespRefInfo(testkit::ref_info(2, codes, 10, 1).data());
+  };
+  init_market();
+  std::atomic<int> inside{0}, overlaps{0}, reorders{0}, calls{0}, sent{0};
+  std::atomic<bool> restarted{false}, host_stopping{false};
+  int64_t last = 0;
+  int id = client_.subscribeQuote(Meta("SH", "600000"), {}, "",
+                                  [&](se::EQuoteSubStatus, const QuoteRecords& records, se::EDataArrivedTag) {
+    if (inside.fetch_add(1) != 0) ++overlaps;
+    auto tick = records.empty() ? nullptr : std::dynamic_pointer_cast<quoter::QuoterAllData>(records.back());
+    if (tick == nullptr || tick->time <= last) ++reorders;
+    if (tick != nullptr) last = tick->time;
+    int call = ++calls;
+    if (call == 5) {
+      StartLogin(1);
+      StartLogin(0);
+      restarted = true;
+      // Still inside while the vendor sends on: the new run waits for this call.
+      int until = sent + 20;
+      while (sent < until) std::this_thread::yield();
+    } else if (call == 40) {
+      while (!host_stopping) std::this_thread::yield();
+      StartLogin(1);
+    }
+    inside.fetch_sub(1);
+  });
+  ASSERT_GT(id, 0);
+  std::thread vendor([&] {
+    bool reinitialised = false;
+    for (int i = 0; i < 3000 && !host_stopping; ++i) {
+      if (restarted && !reinitialised) {
+        init_market();
+        reinitialised = true;
+      }
+      ApiL1Tick tick = testkit::l1_tick(2, "600000", 93000 + (i / 60) * 100 + i % 60, 10.0f);
+      mgr_.callback()->OnTickL1(&tick);
+      ++sent;
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < 1000 && calls < 40; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  auto stopped = std::async(std::launch::async, [&] {
+    host_stopping = true;
+    StartLogin(1);
+  });
+  EXPECT_EQ(stopped.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "stop hangs";
+  vendor.join();
+  EXPECT_GE(calls.load(), 40);
+  EXPECT_EQ(overlaps.load(), 0);
+  EXPECT_EQ(reorders.load(), 0);
+  EXPECT_FALSE(mgr_.is_started());
 }
 
 }  // namespace

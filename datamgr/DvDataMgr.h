@@ -83,9 +83,12 @@ class DvDataMgr {
   bool init(bool isReal);
   // Starts the service threads and connects; true when connected. Once
   // started, connects again and repeats the start-up requests with the
-  // threads that run. On a failed connect every thread is ended.
+  // threads that run. On a failed connect every thread is ended. Safe from
+  // any thread; from a service thread or a host callback it fails at once
+  // rather than wait for another start's Connect.
   bool start();
-  // Disconnects and ends every thread; true. A no-op when not started.
+  // Disconnects and ends every thread; true. A no-op when not started. From
+  // a host thread outside every callback it returns once they have ended.
   bool stop();
 
   // Appends a message to the queue; ownership passes to the queue. Any thread.
@@ -99,7 +102,8 @@ class DvDataMgr {
   size_t queue_held_bytes() const { return queue_.held_bytes(); }
   void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
 
-  // Thread bodies; the argument is the data manager.
+  // Thread bodies: a service thread's argument is its run and shard, the
+  // timer's the data manager.
   static unsigned DataServiceThread(void* mgr);
   static unsigned TimerTaskThread(void* mgr);
 
@@ -162,14 +166,13 @@ class DvDataMgr {
   void set_connected(bool connected);
   // The reaction to the vendor's connection report, on the vendor's thread.
   void on_connect_status(int server, int status);
-  // The vendor gave up: stop now, or as soon as a running init, start or
-  // stop lets go, without waiting for it.
+  // The vendor gave up: stops without waiting for any thread.
   void stop_from_vendor();
   // The gate at the head of a request: false, with its ERROR line under
   // function, when the service is stopped or stays disconnected for 5 x 400 ms.
   bool pass_request_gate(const char* function);
   bool is_connected() const { return connected_.load(std::memory_order_acquire); }
-  bool is_started() const { return running_.load(std::memory_order_acquire); }
+  bool is_started() const { return current_run_.load(std::memory_order_acquire) != 0; }
 
   // Start-up and daily requests.
   void request_base_data();
@@ -216,7 +219,7 @@ class DvDataMgr {
   CMyCallBackPro* callback() { return &callback_; }
   MarketTable& markets() { return markets_; }
   Calendar& calendar() { return calendar_; }
-  int thread_count() const { return thread_count_; }
+  int thread_count() const { return thread_count_.load(); }
   bool timer_started() const { return timer_started_.load(); }
 
   // --- Seams for embedding and tests; none is needed in production. ---
@@ -238,19 +241,18 @@ class DvDataMgr {
   size_t queue_size() const;
 
  private:
-  void service_loop(int server);
+  void service_loop(uint64_t run, int server);
   // The level-1 route of code in market id, kept by the service thread or
   // looked up into scratch; null after its line when the market or the
   // instrument is missing or the market initialising.
   const TickRoute* l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch);
-  void stand_in_loop(int slot);
+  void stand_in_loop(uint64_t run, int slot);
   static unsigned StandInThread(void* slot);
   // Handles msg and, when it belongs to a strand, the strand's messages
   // that queued up meanwhile.
   void handle_chain(int server, DataMsg* msg);
   void timer_loop();
   void handle_msg(int server, DataMsg* msg);
-  void end_service_threads();
   // A service thread is about to wait for a reply: when no other server is
   // left to take replies, a stand-in starts.
   void enter_blocked();
@@ -276,16 +278,43 @@ class DvDataMgr {
   // Milliseconds since the request id was sent, 0 when unknown.
   double since_sent(uint16_t id);
 
-  // init, start and stop run one at a time under LifecycleLock. A failure
-  // the vendor reports meanwhile (or from inside Connect) must not wait for
-  // them: it is noted in stop_pending_ and carried out by whoever holds the
-  // lock when it lets go.
-  class LifecycleLock;
-  void stop_locked();
-  void drain_stop();
+  // Lifecycle. A run is one start's service and timer threads; a service
+  // thread serves while its run is current_run_. lifecycle_mu_ guards the run
+  // fields and retired_, and is never held across a vendor call or a join, so
+  // that start and stop are safe from a host thread, from inside any host
+  // callback and from the vendor's thread. Only a stop from outside every
+  // library and host callback thread joins; the others leave the ended run's
+  // threads in retired_ for a later stop, start or the destructor.
+  struct Retired {
+    uint64_t run;
+    ThreadHandle thread;
+  };
+  // Ends the current run: true when this call ended it.
+  bool end_run();
+  // Joins the retired threads whose run has left its loops (all of them when
+  // every is set); never the calling thread.
+  void join_retired(bool every);
+  // A service thread's entry into its run: false when the run ended before it
+  // could serve. Waits until no thread of an earlier run is left (one key, one
+  // writer); the first thread through deals the queue out for the run.
+  bool enter_run(uint64_t run);
+  // Whether the calling thread may wait for service threads: it is neither
+  // one of them nor inside a host callback (whose thread they may wait for).
+  bool may_join() const;
+  void leave_run(uint64_t run);
+  bool run_current(uint64_t run) const { return current_run_.load(std::memory_order_acquire) == run; }
+  std::mutex init_mu_;
+  std::mutex start_mu_;  // one start at a time (held across Connect)
   std::mutex lifecycle_mu_;
-  std::atomic<std::thread::id> lifecycle_owner_{};
-  std::atomic<bool> stop_pending_{false};
+  uint64_t runs_ = 0;
+  std::atomic<uint64_t> current_run_{0};
+  std::vector<Retired> retired_;
+  // Threads of each run still in their loops; the queue's generation.
+  std::mutex serve_mu_;
+  std::condition_variable serve_cv_;
+  std::map<uint64_t, int> in_loop_;
+  uint64_t activated_run_ = 0;
+  uint64_t stale_before_ = 0;  // messages pushed before the run's start are stale
   bool inited_ = false;
   CDataApi* api_ = nullptr;
   // While capturing, api_ is capture_api_, which passes every request on to
@@ -297,8 +326,8 @@ class DvDataMgr {
   CMyCallBackPro callback_;
   ServerTable servers_;
 
-  int thread_count_ = 0;
-  ThreadHandle* threads_ = nullptr;
+  std::atomic<int> thread_count_{0};
+  ThreadHandle* threads_ = nullptr;  // the current run's; under lifecycle_mu_
   // The timer thread ends when timer_stop_ is set: a flag, so that nothing
   // of one run's stop is left over for the next run's thread.
   std::mutex timer_mu_;
@@ -309,10 +338,9 @@ class DvDataMgr {
 
   std::mutex connected_mu_;
   std::atomic<bool> connected_{false};
-  std::atomic<bool> running_{false};
 
   MsgQueue queue_;
-  std::atomic<int> next_shard_{0};  // hands each service thread its shard
+  int next_shard_ = 0;  // hands each service thread its shard; under lifecycle_mu_
 
   // Servers taking replies (service threads and stand-ins), and how many of
   // them wait inside waitDynamicTime.
@@ -322,6 +350,7 @@ class DvDataMgr {
   struct StandIn {
     DvDataMgr* mgr = nullptr;
     int slot = 0;
+    uint64_t run = 0;
     ThreadHandle thread = nullptr;
     bool live = false;  // guarded by stand_in_mu_
   };
