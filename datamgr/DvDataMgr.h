@@ -198,7 +198,8 @@ class DvDataMgr {
   void get_market_trade_day_list(const std::string& market, char variant, std::vector<int64_t>& days);
   void get_HKC_trade_day_list(char variant, std::vector<int64_t>& days);
 
-  // The next request id: 21, 22, ... 30000, then 20 again, skipping ids in use.
+  // The next request id: 21, 22, ... 30000, then 20 again, skipping the ids
+  // of subscriptions and of history and financial requests still pending.
   uint16_t next_serial();
   bool serial_in_use(uint16_t serial) const;
   SubscriptionTable& subscriptions() { return subscriptions_; }
@@ -379,7 +380,7 @@ class DvDataMgr {
   // start time, end date, end time, and the number of the id's non-last
   // blocks being delivered at the moment. Financial: begin, end, kinds
   // outstanding. Each side takes an entry of the other's length for none.
-  std::mutex his_request_mu_;
+  mutable std::mutex his_request_mu_;
   std::map<uint16_t, std::vector<int32_t>> his_request_infos;
   std::mutex send_times_mu_;
   std::map<uint16_t, double> request_send_times;  // ms, when each id was last sent

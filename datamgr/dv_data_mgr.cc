@@ -256,6 +256,13 @@ void DvDataMgr::stop_from_vendor() {
   if (api_ != nullptr) api_->Release();
   set_connected(false);
   if (capture() != nullptr) capture()->end();
+  {
+    // No reply comes for a financial request of an ended session: what it
+    // collected goes.
+    std::lock_guard<std::mutex> lock(his_request_mu_);
+    for (const auto& [id, collect] : finance_results_) his_request_infos.erase(id);
+    finance_results_.clear();
+  }
   markets_.clear_codes();
   std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
   calendar_.hk_rates.clear();
