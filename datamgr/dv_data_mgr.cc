@@ -103,7 +103,7 @@ bool DvDataMgr::start() {
     if (t_serving == this || host_call_depth() > 0) return false;
     start_lock.lock();
   }
-  join_retired(false);
+  if (may_join()) join_retired(false);
   uint64_t run = 0;
   bool threads_run = false;
   {
