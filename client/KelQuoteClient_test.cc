@@ -184,53 +184,15 @@ TEST_F(KelQuoteClientTest, UnsubscribeWaitsOutsideCallbacksOnly) {
   client_.onSubscribe(50, {});
   EXPECT_EQ(calls, 1);
 
-  // From another thread: the host may destroy what the callback uses as soon
-  // as unsubscribe returns. Same for a whole-market subscription.
-  std::atomic<bool> entered{false}, running{false};
-  auto slow = [&] {
-    running = true;
-    entered = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    running = false;
-  };
-  client_.add_quote_info(51, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
-    slow();
-  });
-  client_.add_mkt_push_info(2, [&](const QuoteMap&) { slow(); });
-  for (int whole = 0; whole < 2; ++whole) {
-    entered = false;
-    std::thread service([&] { whole ? client_.onWholeSub(2, {}) : client_.onSubscribe(51, {}); });
-    while (!entered) std::this_thread::yield();
-    whole ? client_.unWholeQuote(2) : client_.unsubscribe(51);
-    EXPECT_FALSE(running) << "whole market " << whole;
-    service.join();
-  }
-
-  // Two callbacks that unsubscribe each other at once both return.
-  std::atomic<int> inside{0}, finished{0};
-  for (short id : {60, 61}) {
-    client_.add_quote_info(id, "600000", "SH", [&, id](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
-      ++inside;
-      while (inside < 2) std::this_thread::yield();
-      client_.unsubscribe(id == 60 ? 61 : 60);
-      ++finished;
-    });
-  }
-  std::thread first([&] { client_.onSubscribe(60, {}); });
-  std::thread second([&] { client_.onSubscribe(61, {}); });
-  for (int i = 0; i < 500 && finished < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(finished, 2) << "two callbacks unsubscribing each other hang";
-  first.join();
-  second.join();
-
-  // A, running, unsubscribes B while B's callback is busy and returns at
-  // once; a host thread's unsubscribe(A) meanwhile still waits for A's call.
+  // A (a whole market), running, unsubscribes B while B's callback is busy
+  // and returns at once; a host thread's unWholeQuote(A) meanwhile still
+  // waits for A's call.
   std::atomic<bool> b_inside{false}, b_release{false}, a_past{false}, host_calling{false}, a_running{false};
   client_.add_quote_info(70, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
     b_inside = true;
     while (!b_release) std::this_thread::yield();
   });
-  client_.add_quote_info(71, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+  client_.add_mkt_push_info(2, [&](const QuoteMap&) {
     a_running = true;
     while (!b_inside) std::this_thread::yield();
     client_.unsubscribe(70);
@@ -240,43 +202,15 @@ TEST_F(KelQuoteClientTest, UnsubscribeWaitsOutsideCallbacksOnly) {
     a_running = false;
   });
   std::thread b([&] { client_.onSubscribe(70, {}); });
-  std::thread a([&] { client_.onSubscribe(71, {}); });
+  std::thread a([&] { client_.onWholeSub(2, {}); });
   for (int i = 0; i < 500 && !a_past; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_TRUE(a_past) << "a callback's unsubscribe waited for another callback";
   b_release = true;
   host_calling = true;
-  client_.unsubscribe(71);
-  EXPECT_FALSE(a_running) << "unsubscribe returned while the callback ran";
+  client_.unWholeQuote(2);
+  EXPECT_FALSE(a_running) << "unWholeQuote returned while the callback ran";
   a.join();
   b.join();
-}
-
-TEST_F(KelQuoteClientTest, SubscribeAndDeliverConcurrently) {
-  // Writers add and remove while a service thread delivers; TSan must stay
-  // silent and every delivery must reach a live entry or be logged missing.
-  std::atomic<int> delivered{0};
-  std::atomic<bool> done{false};
-  std::thread deliver([&] {
-    QuoteRecords one{std::make_shared<quoter::QuoterAllData>()};
-    while (!done.load()) {
-      for (short id = 100; id < 132; ++id) client_.onSubscribe(id, one);
-    }
-  });
-  for (int round = 0; round < 300; ++round) {
-    for (short id = 100; id < 132; ++id) {
-      client_.add_quote_info(id, "600000", "SH",
-                             [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
-    }
-    std::string code, market;
-    for (short id = 100; id < 132; ++id) EXPECT_TRUE(client_.del_quote_info(id, code, market));
-  }
-  client_.add_quote_info(100, "600000", "SH",
-                         [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
-  int before = delivered.load();
-  while (delivered.load() == before) std::this_thread::yield();
-  done = true;
-  deliver.join();
-  EXPECT_GT(delivered.load(), 0);
 }
 
 TEST_F(KelQuoteClientTest, MarketNotificationsUnderEveryHostCode) {

@@ -100,7 +100,7 @@ bool DvDataMgr::start() {
   // another start's Connect, which may wait for the thread it runs on.
   std::unique_lock<std::mutex> start_lock(start_mu_, std::defer_lock);
   if (!start_lock.try_lock()) {
-    if (t_serving == this || host_call_depth() > 0) return false;
+    if (!may_join()) return false;
     start_lock.lock();
   }
   if (may_join()) join_retired(false);

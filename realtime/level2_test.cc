@@ -1,6 +1,4 @@
-#include <atomic>
 #include <cstring>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -166,65 +164,6 @@ TEST_F(Level2Test, BadRecordsAreSkippedOneByOne) {
   EXPECT_EQ(got[0].records.size(), 1u);
   EXPECT_TRUE(fx_.log().contains("Not found market:,iMarketID=4"));
   EXPECT_TRUE(fx_.log().contains("[DvDataMgr::on_reply_data_l2_transaction]: Code 000000 not exist..."));
-}
-
-// A vendor message that mixes two instruments' trades: each instrument's
-// callback still runs on one thread at a time, in the vendor's order.
-TEST_F(Level2Test, MixedMessagesKeepEachInstrumentOnOneThreadInOrder) {
-  fx_.mgr().set_processor_count(20);
-  ASSERT_TRUE(fx_.mgr().start());
-  struct Watch {
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0}, reorders{0}, calls{0};
-    int64_t last = 0;
-  };
-  Watch watches[2];
-  const char* codes[2] = {"600000", "600001"};
-  for (int w = 0; w < 2; ++w) {
-    quoter::TSMetaInfo meta;
-    meta.market = "SH";
-    meta.code = codes[w];
-    meta.metaId = 1801;
-    Watch& watch = watches[w];
-    std::string code = codes[w];
-    ASSERT_GE(fx_.client().subscribeQuote(meta, {}, "", [&watch, w](se::EQuoteSubStatus, const QuoteRecords& records,
-                                                                   se::EDataArrivedTag) {
-      if (watch.inside.fetch_add(1) != 0) ++watch.overlaps;
-      // A record's volume says whose it is; its time, its place in the stream.
-      for (const auto& record : records) {
-        auto t = std::static_pointer_cast<quoter::TransactionData>(record);
-        if (t->volume != w + 1) continue;
-        if (t->time <= watch.last) ++watch.reorders;
-        watch.last = t->time;
-      }
-      for (int i = 0; i < 50; ++i) std::this_thread::yield();
-      ++watch.calls;
-      watch.inside.fetch_sub(1);
-    }), 0);
-  }
-  constexpr int kRounds = 300;
-  std::thread vendor([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      int32_t time = 93000000 + round * 10;
-      ApiL2Transaction x = Trade(105500, time), y = Trade(105500, time), later = Trade(105500, time + 1);
-      x.volume = 1;
-      testkit::set_text(y.code, "600001");
-      y.volume = later.volume = 2;
-      testkit::set_text(later.code, "600001");
-      auto mixed = testkit::level2(std::vector<ApiL2Transaction>{x, y});
-      auto alone = testkit::level2(std::vector<ApiL2Transaction>{later});
-      fx_.mgr().callback()->OnTransL2(mixed.data());
-      fx_.mgr().callback()->OnTransL2(alone.data());
-    }
-  });
-  vendor.join();
-  ASSERT_TRUE(fx_.mgr().wait_idle(20000));
-  EXPECT_EQ(watches[0].calls.load(), kRounds);
-  EXPECT_EQ(watches[1].calls.load(), 2 * kRounds);
-  for (const Watch& watch : watches) {
-    EXPECT_EQ(watch.overlaps.load(), 0);
-    EXPECT_EQ(watch.reorders.load(), 0);
-  }
 }
 
 }  // namespace
