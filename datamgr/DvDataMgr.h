@@ -102,10 +102,9 @@ class DvDataMgr {
   size_t queue_held_bytes() const { return queue_.held_bytes(); }
   void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
 
-  // Thread bodies: a service thread's argument is its run and shard, the
-  // timer's the data manager.
-  static unsigned DataServiceThread(void* mgr);
-  static unsigned TimerTaskThread(void* mgr);
+  // Thread bodies; the argument names the data manager, the run and the shard.
+  static unsigned DataServiceThread(void* args);
+  static unsigned TimerTaskThread(void* args);
 
   // One back-off step while a market initialises: logs, then sleeps 400 ms
   // for attempts up to 5 and 1000 ms after.
@@ -252,7 +251,7 @@ class DvDataMgr {
   // Handles msg and, when it belongs to a strand, the strand's messages
   // that queued up meanwhile.
   void handle_chain(int server, DataMsg* msg);
-  void timer_loop();
+  void timer_loop(uint64_t run);
   void handle_msg(int server, DataMsg* msg);
   // A service thread is about to wait for a reply: when no other server is
   // left to take replies, a stand-in starts.
@@ -281,36 +280,32 @@ class DvDataMgr {
 
   // Lifecycle. A run is one start's service and timer threads; a service
   // thread serves while its run is current_run_. lifecycle_mu_ guards the run
-  // fields and retired_, and is never held across a vendor call or a join, so
+  // fields and is never held across a vendor call or a wait for threads, so
   // that start and stop are safe from a host thread, from inside any host
-  // callback and from the vendor's thread. Only a stop from outside every
-  // library and host callback thread joins; the others leave the ended run's
-  // threads in retired_ for a later stop, start or the destructor.
-  struct Retired {
-    uint64_t run;
-    ThreadHandle thread;
-  };
+  // callback and from the vendor's thread. An ended run's threads are
+  // detached and leave on their own; only a host thread outside every
+  // callback waits for them to have left (they may be waiting for it).
   // Ends the current run: true when this call ended it.
   bool end_run();
-  // Joins the retired threads whose run has left its loops (all of them when
-  // every is set); never the calling thread.
-  void join_retired(bool every);
+  // Waits until every thread of an ended run has left its loop.
+  void wait_ended_runs();
   // A service thread's entry into its run: false when the run ended before it
   // could serve. Waits until no thread of an earlier run is left (one key, one
   // writer); the first thread through deals the queue out for the run.
   bool enter_run(uint64_t run);
+  // The last thing a thread of run does with the data manager.
+  void leave_run(uint64_t run);
+  bool run_current(uint64_t run) const { return current_run_.load(std::memory_order_acquire) == run; }
   // Whether the calling thread may wait for service threads: it is neither
   // one of them nor inside a host callback (whose thread they may wait for).
   bool may_join() const;
-  void leave_run(uint64_t run);
-  bool run_current(uint64_t run) const { return current_run_.load(std::memory_order_acquire) == run; }
   std::mutex init_mu_;
   std::mutex start_mu_;  // one start at a time (held across Connect)
   std::mutex lifecycle_mu_;
   uint64_t runs_ = 0;
   std::atomic<uint64_t> current_run_{0};
-  std::vector<Retired> retired_;
-  // Threads of each run still in their loops; the queue's generation.
+  // Threads of each run still in their loops (the timer among them); the
+  // run the queue was last dealt out for.
   std::mutex serve_mu_;
   std::condition_variable serve_cv_;
   std::map<uint64_t, int> in_loop_;
@@ -329,11 +324,10 @@ class DvDataMgr {
 
   std::atomic<int> thread_count_{0};
   ThreadHandle* threads_ = nullptr;  // the current run's; under lifecycle_mu_
-  // The timer thread ends when timer_stop_ is set: a flag, so that nothing
-  // of one run's stop is left over for the next run's thread.
+  // The timer thread ends once its run is no longer current: a state, not a
+  // counted signal, so nothing of one run's stop is left for the next run.
   std::mutex timer_mu_;
   std::condition_variable timer_cv_;
-  bool timer_stop_ = false;  // guarded by timer_mu_
   ThreadHandle timer_thread_ = nullptr;
   std::atomic<int> timer_started_{0};
 

@@ -38,7 +38,7 @@ DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}
 
 DvDataMgr::~DvDataMgr() {
   stop();
-  join_retired(true);
+  wait_ended_runs();
 }
 
 void DvDataMgr::init_capture() {
@@ -103,7 +103,6 @@ bool DvDataMgr::start() {
     if (!may_join()) return false;
     start_lock.lock();
   }
-  if (may_join()) join_retired(false);
   uint64_t run = 0;
   bool threads_run = false;
   {
@@ -145,7 +144,7 @@ bool DvDataMgr::start() {
   }
   // Failed, or a stop meanwhile (the vendor giving up inside Connect) ended the run.
   if (!run_current(run)) {
-    if (may_join()) join_retired(true);
+    if (may_join()) wait_ended_runs();
     return false;
   }
   set_connected(true);
@@ -163,40 +162,37 @@ bool DvDataMgr::start() {
 
 void DvDataMgr::start_timer_thread() {
   {
-    std::lock_guard<std::mutex> lock(timer_mu_);
-    timer_stop_ = false;
+    std::lock_guard<std::mutex> lock(serve_mu_);
+    ++in_loop_[current_run_.load()];
   }
-  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, new ServiceArgs{this, current_run_.load(), -1});
 }
 
 bool DvDataMgr::end_run() {
   {
     std::lock_guard<std::mutex> lock(lifecycle_mu_);
-    const uint64_t run = current_run_.load();
-    if (run == 0) return false;
+    if (current_run_.load() == 0) return false;
     current_run_.store(0, std::memory_order_release);
-    for (int i = 0; i < thread_count_.load(); ++i) retired_.push_back({run, threads_[i]});
+    for (int i = 0; i < thread_count_.load(); ++i) port::DetachThread(threads_[i]);
     zfree(threads_);
     threads_ = nullptr;
     thread_count_.store(0);
     {
       std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
       for (StandIn& stand_in : stand_ins_) {
-        if (stand_in.thread != nullptr) retired_.push_back({stand_in.run, stand_in.thread});
+        port::DetachThread(stand_in.thread);
         stand_in.thread = nullptr;
         stand_in.live = false;
       }
       serving_ = 0;
     }
-    if (timer_thread_ != nullptr) {
-      {
-        std::lock_guard<std::mutex> timer_lock(timer_mu_);
-        timer_stop_ = true;
-      }
-      timer_cv_.notify_all();
-      retired_.push_back({0, timer_thread_});  // run 0: it serves no key
-      timer_thread_ = nullptr;
+    {
+      // The timer's wait reads the run under this lock: it cannot miss the end.
+      std::lock_guard<std::mutex> timer_lock(timer_mu_);
     }
+    timer_cv_.notify_all();
+    port::DetachThread(timer_thread_);
+    timer_thread_ = nullptr;
   }
   queue_.wake_all();
   std::lock_guard<std::mutex> serve_lock(serve_mu_);
@@ -204,22 +200,11 @@ bool DvDataMgr::end_run() {
   return true;
 }
 
-void DvDataMgr::join_retired(bool every) {
-  std::vector<ThreadHandle> joinable;
-  {
-    std::lock_guard<std::mutex> lock(lifecycle_mu_);
-    std::lock_guard<std::mutex> serve_lock(serve_mu_);
-    for (auto it = retired_.begin(); it != retired_.end();) {
-      bool left = it->run == 0 || in_loop_.count(it->run) == 0;
-      if (port::IsCurrentThread(it->thread) || (!every && !left)) {
-        ++it;
-        continue;
-      }
-      joinable.push_back(it->thread);
-      it = retired_.erase(it);
-    }
-  }
-  for (ThreadHandle thread : joinable) thread_join(thread);
+void DvDataMgr::wait_ended_runs() {
+  std::unique_lock<std::mutex> lock(serve_mu_);
+  serve_cv_.wait(lock, [this] {
+    return in_loop_.empty() || (in_loop_.size() == 1 && run_current(in_loop_.begin()->first));
+  });
 }
 
 bool DvDataMgr::enter_run(uint64_t run) {
@@ -247,7 +232,7 @@ bool DvDataMgr::may_join() const { return t_serving != this && host_call_depth()
 
 bool DvDataMgr::stop() {
   stop_from_vendor();
-  if (may_join()) join_retired(true);
+  if (may_join()) wait_ended_runs();
   return true;
 }
 
@@ -354,7 +339,7 @@ void DvDataMgr::enter_blocked() {
   for (StandIn& stand_in : stand_ins_) {
     if (stand_in.live) continue;
     // The slot's earlier thread has left its loop; only its handle remains.
-    if (stand_in.thread != nullptr) thread_join(stand_in.thread);
+    port::DetachThread(stand_in.thread);
     stand_in.mgr = this;
     stand_in.slot = static_cast<int>(&stand_in - stand_ins_);
     stand_in.run = t_run;
@@ -418,19 +403,24 @@ bool DvDataMgr::wait_idle(int timeout_ms) {
   return idle;
 }
 
-unsigned DvDataMgr::TimerTaskThread(void* mgr) {
-  static_cast<DvDataMgr*>(mgr)->timer_loop();
+unsigned DvDataMgr::TimerTaskThread(void* arg) {
+  auto* args = static_cast<ServiceArgs*>(arg);
+  DvDataMgr* self = args->mgr;
+  uint64_t run = args->run;
+  delete args;
+  self->timer_loop(run);
+  self->leave_run(run);
   return 0;
 }
 
-void DvDataMgr::timer_loop() {
+void DvDataMgr::timer_loop(uint64_t run) {
   timer_started_.store(1);
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
   int last_date = -1;
   while (true) {
     {
       std::unique_lock<std::mutex> lock(timer_mu_);
-      if (timer_cv_.wait_for(lock, std::chrono::milliseconds(timer_period_ms_), [this] { return timer_stop_; })) {
+      if (timer_cv_.wait_for(lock, std::chrono::milliseconds(timer_period_ms_), [&] { return !run_current(run); })) {
         CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
         return;
       }

@@ -32,8 +32,10 @@ Thread* StartThread(unsigned (*fn)(void*), void* arg) {
   return t;
 }
 
-bool IsCurrentThread(const Thread* thread) {
-  return thread != nullptr && thread->thread.get_id() == std::this_thread::get_id();
+void DetachThread(Thread* thread) {
+  if (thread == nullptr) return;
+  if (thread->thread.joinable()) thread->thread.detach();
+  delete thread;
 }
 
 void JoinThread(Thread* thread) {
