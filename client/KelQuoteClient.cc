@@ -30,7 +30,7 @@ struct KelQuoteClient::State {
   std::atomic<bool> logged_in{false};
   std::atomic<bool> first_login{true};
 
-  std::mutex login_mu;  // one login at a time
+  std::mutex login_mu;  // one creation of the data manager
   std::unique_ptr<DvDataMgr> owned_mgr;
   std::atomic<DvDataMgr*> mgr{nullptr};
 
@@ -85,28 +85,31 @@ void KelQuoteClient::goLogin(const LoginParam& param, LoginCallback callback) {
   const char* function = "tavr::KelQuoteClient::goLogin";
   bool ok = false;
   const char* reason = "";
+  DvDataMgr* mgr = nullptr;
   {
+    // Only the data manager's creation is one at a time: a start may wait for
+    // threads whose callbacks log in again.
     std::lock_guard<std::mutex> lock(state_->login_mu);
-    DvDataMgr* mgr = data_manager();
+    mgr = data_manager();
     if (mgr == nullptr) {
       state_->owned_mgr = std::make_unique<DvDataMgr>();
       attach_data_manager(state_->owned_mgr.get());
       mgr = state_->owned_mgr.get();
     }
-    bool is_real = param.environment == 2;
-    if (!mgr->init(is_real)) {
-      CMyLog::PrintLog(LOG_ERROR, function, "Failed to Init....");
-      reason = "初始化失败，请检查配置信息！";
-    } else if (mgr->start()) {
-      port::SleepMs(1000);
-      state_->logged_in.store(true);
-      ok = true;
-    } else {
-      CMyLog::PrintLog(LOG_ERROR, function, "Failed to login....");
-      reason = "网关连接超时，请检查网络状态，稍后重试！";
-    }
-    state_->first_login.store(false);
   }
+  bool is_real = param.environment == 2;
+  if (!mgr->init(is_real)) {
+    CMyLog::PrintLog(LOG_ERROR, function, "Failed to Init....");
+    reason = "初始化失败，请检查配置信息！";
+  } else if (mgr->start()) {
+    port::SleepMs(1000);
+    state_->logged_in.store(true);
+    ok = true;
+  } else {
+    CMyLog::PrintLog(LOG_ERROR, function, "Failed to login....");
+    reason = "网关连接超时，请检查网络状态，稍后重试！";
+  }
+  state_->first_login.store(false);
   // Unlocked: a host that retries from inside its callback logs in again.
   host_call(callback, ok, std::string(reason));
 }
@@ -258,13 +261,12 @@ void KelQuoteClient::requestFinanceData(const FinanceDataParam& param, FinanceCa
                                                                        static_cast<int32_t>(param.begin),
                                                                        static_cast<int32_t>(param.end))
                                            : kRequestFailed);
-    if (id >= 0) {
-      state_->finance[id] = {param, std::move(callback)};
-    } else {
-      CMyLog::PrintLog(LOG_ERROR, function, "Failed to get %s.%s finance data...", param.code.c_str(),
-                       market.c_str());
-      host_call(callback, param.market, param, FinanceResult(), se::kQuoteFailure);
-    }
+    if (id >= 0) state_->finance[id] = {param, std::move(callback)};
+  }
+  if (id < 0) {
+    // Unlocked: the host's failure callback may do anything, from any thread.
+    CMyLog::PrintLog(LOG_ERROR, function, "Failed to get %s.%s finance data...", param.code.c_str(), market.c_str());
+    host_call(callback, param.market, param, FinanceResult(), se::kQuoteFailure);
   }
   CMyLog::PrintLog(LOG_INFO, function, "[id=%d] Request %s.%s finance data....", id, param.code.c_str(),
                    market.c_str());

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "datamgr/DvDataMgr.h"
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
+#include "testkit/records.h"
 #include "testkit/work_dir.h"
 
 namespace tavr {
@@ -90,16 +92,29 @@ TEST_F(KelQuoteClientTest, RefusedRequestsFailWithTheirTexts) {
   FinanceDataParam param;
   param.market = "SZ";
   param.code = "000001";
-  int statuses = 0;
-  client_.requestFinanceData(param, [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
-                                        se::EQuoteSubStatus status) {
+  // The failure callback runs with no lock held: a request of another
+  // thread (a subscription's callback, say) completes meanwhile.
+  std::atomic<int> statuses{0};
+  std::thread other;
+  bool other_done_inside = false;
+  auto failed = [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
+                    se::EQuoteSubStatus status) {
     EXPECT_EQ(market, "SZ");
     EXPECT_EQ(p.code, "000001");
     EXPECT_TRUE(data.empty());
     EXPECT_EQ(status, se::kQuoteFailure);
     ++statuses;
+  };
+  client_.requestFinanceData(param, [&](std::string market, const FinanceDataParam& p, const FinanceResult& data,
+                                        se::EQuoteSubStatus status) {
+    failed(market, p, data, status);
+    other = std::thread([&] { client_.requestFinanceData(param, failed); });
+    for (int i = 0; i < 500 && statuses < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    other_done_inside = statuses == 2;
   });
-  EXPECT_EQ(statuses, 1);
+  other.join();
+  EXPECT_TRUE(other_done_inside) << "the failure callback ran under the finance lock";
+  EXPECT_EQ(statuses, 2);
   EXPECT_TRUE(log_.contains("Failed to get 000001.SZ finance data..."));
 }
 
@@ -159,7 +174,7 @@ TEST_F(KelQuoteClientTest, RegistriesReplaceAndRemove) {
   EXPECT_TRUE(client_.del_mkt_push_info(2));
 }
 
-TEST_F(KelQuoteClientTest, UnsubscribeWaitsForTheCallbackInProgressButNeverForItself) {
+TEST_F(KelQuoteClientTest, UnsubscribeWaitsOutsideCallbacksOnly) {
   int calls = 0;
   client_.add_quote_info(50, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
     ++calls;
@@ -169,72 +184,33 @@ TEST_F(KelQuoteClientTest, UnsubscribeWaitsForTheCallbackInProgressButNeverForIt
   client_.onSubscribe(50, {});
   EXPECT_EQ(calls, 1);
 
-  // From another thread: the host may destroy what the callback uses as soon
-  // as unsubscribe returns. Same for a whole-market subscription.
-  std::atomic<bool> entered{false}, running{false};
-  auto slow = [&] {
-    running = true;
-    entered = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    running = false;
-  };
-  client_.add_quote_info(51, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
-    slow();
+  // A (a whole market), running, unsubscribes B while B's callback is busy
+  // and returns at once; a host thread's unWholeQuote(A) meanwhile still
+  // waits for A's call.
+  std::atomic<bool> b_inside{false}, b_release{false}, a_past{false}, host_calling{false}, a_running{false};
+  client_.add_quote_info(70, "600000", "SH", [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
+    b_inside = true;
+    while (!b_release) std::this_thread::yield();
   });
-  client_.add_mkt_push_info(2, [&](const QuoteMap&) { slow(); });
-  for (int whole = 0; whole < 2; ++whole) {
-    entered = false;
-    std::thread service([&] { whole ? client_.onWholeSub(2, {}) : client_.onSubscribe(51, {}); });
-    while (!entered) std::this_thread::yield();
-    whole ? client_.unWholeQuote(2) : client_.unsubscribe(51);
-    EXPECT_FALSE(running) << "whole market " << whole;
-    service.join();
-  }
-
-  // Two callbacks that unsubscribe each other at once both return.
-  std::atomic<int> inside{0}, finished{0};
-  for (short id : {60, 61}) {
-    client_.add_quote_info(id, "600000", "SH", [&, id](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) {
-      ++inside;
-      while (inside < 2) std::this_thread::yield();
-      client_.unsubscribe(id == 60 ? 61 : 60);
-      ++finished;
-    });
-  }
-  std::thread first([&] { client_.onSubscribe(60, {}); });
-  std::thread second([&] { client_.onSubscribe(61, {}); });
-  for (int i = 0; i < 500 && finished < 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(finished, 2) << "two callbacks unsubscribing each other hang";
-  first.join();
-  second.join();
-}
-
-TEST_F(KelQuoteClientTest, SubscribeAndDeliverConcurrently) {
-  // Writers add and remove while a service thread delivers; TSan must stay
-  // silent and every delivery must reach a live entry or be logged missing.
-  std::atomic<int> delivered{0};
-  std::atomic<bool> done{false};
-  std::thread deliver([&] {
-    QuoteRecords one{std::make_shared<quoter::QuoterAllData>()};
-    while (!done.load()) {
-      for (short id = 100; id < 132; ++id) client_.onSubscribe(id, one);
-    }
+  client_.add_mkt_push_info(2, [&](const QuoteMap&) {
+    a_running = true;
+    while (!b_inside) std::this_thread::yield();
+    client_.unsubscribe(70);
+    a_past = true;
+    while (!host_calling) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    a_running = false;
   });
-  for (int round = 0; round < 300; ++round) {
-    for (short id = 100; id < 132; ++id) {
-      client_.add_quote_info(id, "600000", "SH",
-                             [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
-    }
-    std::string code, market;
-    for (short id = 100; id < 132; ++id) EXPECT_TRUE(client_.del_quote_info(id, code, market));
-  }
-  client_.add_quote_info(100, "600000", "SH",
-                         [&](se::EQuoteSubStatus, const QuoteRecords&, se::EDataArrivedTag) { ++delivered; });
-  int before = delivered.load();
-  while (delivered.load() == before) std::this_thread::yield();
-  done = true;
-  deliver.join();
-  EXPECT_GT(delivered.load(), 0);
+  std::thread b([&] { client_.onSubscribe(70, {}); });
+  std::thread a([&] { client_.onWholeSub(2, {}); });
+  for (int i = 0; i < 500 && !a_past; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(a_past) << "a callback's unsubscribe waited for another callback";
+  b_release = true;
+  host_calling = true;
+  client_.unWholeQuote(2);
+  EXPECT_FALSE(a_running) << "unWholeQuote returned while the callback ran";
+  a.join();
+  b.join();
 }
 
 TEST_F(KelQuoteClientTest, MarketNotificationsUnderEveryHostCode) {
@@ -372,6 +348,69 @@ TEST_F(LoginTest, AFailedConnectIsRetriedFromTheCallbackAndALostOneByTheNextLogi
   StartLogin(0);
   EXPECT_TRUE(client_.logged_in());
   EXPECT_TRUE(mgr_.is_started());
+}
+
+// A host that stops and starts the service from inside a level-1 callback,
+// and one whose other thread stops it meanwhile: no delivery overlaps or
+// goes back in time, nothing hangs.
+TEST_F(LoginTest, StopAndStartFromInsideACallback) {
+  dir_.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
+                                                  testkit::servers_xml(1) + "</history>"));
+  ASSERT_TRUE(Login().first);
+  const std::vector<ApiCodeInit> codes{testkit::code_init("600000", "x", 2, 100)};
+  auto init_market = [&] {
+    mgr_.callback()->OnMarketInit(testkit::market_init(2, 20240102, codes).data());
+    mgr_.callback()->OnRespRefInfo(testkit::ref_info(2, codes, 10, 1).data());
+  };
+  init_market();
+  std::atomic<int> inside{0}, overlaps{0}, reorders{0}, calls{0}, sent{0};
+  std::atomic<bool> restarted{false}, host_stopping{false};
+  int64_t last = 0;
+  int id = client_.subscribeQuote(Meta("SH", "600000"), {}, "",
+                                  [&](se::EQuoteSubStatus, const QuoteRecords& records, se::EDataArrivedTag) {
+    if (inside.fetch_add(1) != 0) ++overlaps;
+    auto tick = records.empty() ? nullptr : std::dynamic_pointer_cast<quoter::QuoterAllData>(records.back());
+    if (tick == nullptr || tick->time <= last) ++reorders;
+    if (tick != nullptr) last = tick->time;
+    int call = ++calls;
+    if (call == 5) {
+      StartLogin(1);
+      StartLogin(0);
+      restarted = true;
+      // Still inside while the vendor sends on: the new run waits for this call.
+      int until = sent + 20;
+      while (sent < until) std::this_thread::yield();
+    } else if (call == 40) {
+      while (!host_stopping) std::this_thread::yield();
+      StartLogin(1);
+    }
+    inside.fetch_sub(1);
+  });
+  ASSERT_GT(id, 0);
+  std::thread vendor([&] {
+    bool reinitialised = false;
+    for (int i = 0; i < 3000 && !host_stopping; ++i) {
+      if (restarted && !reinitialised) {
+        init_market();
+        reinitialised = true;
+      }
+      ApiL1Tick tick = testkit::l1_tick(2, "600000", 93000 + (i / 60) * 100 + i % 60, 10.0f);
+      mgr_.callback()->OnTickL1(&tick);
+      ++sent;
+      std::this_thread::yield();
+    }
+  });
+  for (int i = 0; i < 1000 && calls < 40; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  auto stopped = std::async(std::launch::async, [&] {
+    host_stopping = true;
+    StartLogin(1);
+  });
+  EXPECT_EQ(stopped.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "stop hangs";
+  vendor.join();
+  EXPECT_GE(calls.load(), 40);
+  EXPECT_EQ(overlaps.load(), 0);
+  EXPECT_EQ(reorders.load(), 0);
+  EXPECT_FALSE(mgr_.is_started());
 }
 
 }  // namespace

@@ -11,10 +11,20 @@
 
 namespace tavr {
 
+// How many host callbacks the calling thread is inside: a removal made from
+// inside one must not wait (see subscriber_registry.h).
+int& host_call_depth();
+
 // Calls callback(args...) unless it is empty; nothing it throws escapes.
 template <typename Callback, typename... Args>
 void host_call(const Callback& callback, Args&&... args) {
   if (!callback) return;
+  int& depth = host_call_depth();
+  struct Inside {
+    int& depth;
+    explicit Inside(int& d) : depth(d) { ++depth; }
+    ~Inside() { --depth; }
+  } inside(depth);
   try {
     callback(std::forward<Args>(args)...);
   } catch (...) {

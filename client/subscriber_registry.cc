@@ -1,11 +1,14 @@
 #include "client/subscriber_registry.h"
 
+#include <condition_variable>
+
+#include "client/host_call.h"
+
 namespace tavr {
 
 namespace {
 
-// One lock and condition for every gate: removals are rare, and a waiter may
-// need to hear of a change on a gate other than the one it waits for.
+// One lock and condition for every gate: removals that wait are rare.
 std::mutex& WaitMutex() {
   static auto* mu = new std::mutex;  // never destroyed: threads may outlive statics
   return *mu;
@@ -17,9 +20,9 @@ std::condition_variable& WaitChange() {
 
 }  // namespace
 
-CallGate*& CallGate::current() {
-  thread_local CallGate* gate = nullptr;
-  return gate;
+int& host_call_depth() {
+  thread_local int depth = 0;
+  return depth;
 }
 
 void CallGate::leave() {
@@ -32,16 +35,9 @@ void CallGate::leave() {
 
 void CallGate::close_and_wait() {
   closed_.store(true);
-  CallGate* inside = current();
+  if (host_call_depth() > 0) return;
   std::unique_lock<std::mutex> lock(WaitMutex());
-  // The call this thread is in no longer holds anyone up: its own removal
-  // needs no wait, and a removal waiting for it sees it as blocked.
-  if (inside != nullptr) {
-    ++inside->waiting_inside_;
-    WaitChange().notify_all();
-  }
-  WaitChange().wait(lock, [this] { return active_.load() - waiting_inside_ <= 0; });
-  if (inside != nullptr) --inside->waiting_inside_;
+  WaitChange().wait(lock, [this] { return active_.load() == 0; });
 }
 
 }  // namespace tavr

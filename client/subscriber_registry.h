@@ -1,14 +1,12 @@
 // The host's subscriptions by id, read on every real-time record.
 //
-// Contract: once remove(id) has returned, id's callback is not running and is
-// never called again; a host destroys what its callback captures right after
-// unsubscribing. Deliveries share a lock only to find the entry; the callback
-// runs unlocked, counted on the entry, and remove waits for the count to drop.
-// Two exceptions keep that wait from hanging:
-//  - a callback that removes its own id does not wait for itself;
-//  - a callback that removes another id whose only running calls are
-//    themselves waiting on a removal does not wait for those (two callbacks
-//    that remove each other at once would otherwise wait for ever).
+// The one removal rule: outside any host callback, remove(id) returns only
+// when no call of id's callback is in progress, and the callback is never
+// called again; a host destroys what its callback captures right after
+// unsubscribing. Inside a host callback (any kind, on any thread) remove
+// closes the gate and returns at once: a wait there could wait for a
+// callback that waits for this one. Deliveries share a lock only to find the
+// entry; the callback runs unlocked, counted on the entry's gate.
 #ifndef KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
 #define KELQUOTE_CLIENT_SUBSCRIBER_REGISTRY_H_
 
@@ -16,7 +14,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -25,7 +22,9 @@
 namespace tavr {
 
 // The calls in progress of one entry. Counting costs a delivery two atomic
-// operations on the entry; only a removal takes the shared wait lock.
+// operations on the entry; only a removal that waits takes the wait lock.
+// Invariant: once closed_ is set, active_ counts only calls that passed the
+// check before it, so it only falls.
 class CallGate {
  public:
   // Runs f() unless the gate is closed; true when f ran.
@@ -36,31 +35,22 @@ class CallGate {
       leave();
       return false;
     }
-    CallGate* outer = current();
-    current() = this;
     struct Leave {
       CallGate* gate;
-      CallGate* outer;
-      ~Leave() {
-        current() = outer;
-        gate->leave();
-      }
-    } leave_on_exit{this, outer};
+      ~Leave() { gate->leave(); }
+    } leave_on_exit{this};
     f();
     return true;
   }
 
-  // Closes the gate and waits for the calls in progress (see the contract above).
+  // Closes the gate; outside a host callback, waits for the calls in progress.
   void close_and_wait();
 
  private:
   void leave();
-  // The gate whose call the running thread is inside, if any.
-  static CallGate*& current();
 
   std::atomic<int> active_{0};
   std::atomic<bool> closed_{false};
-  int waiting_inside_ = 0;  // calls in progress blocked in a removal; under the wait lock
 };
 
 template <typename Entry>
@@ -81,8 +71,7 @@ class SubscriberRegistry {
     return slot != nullptr && slot->gate.call([&] { f(static_cast<const Entry&>(slot->entry)); });
   }
 
-  // Removes id's entry and waits for its calls in progress; null when there
-  // was none. The entry stays alive while the caller holds it.
+  // Removes id's entry under the removal rule above; null when there was none. The entry stays alive while the caller holds it.
   std::shared_ptr<const Entry> remove(short id) {
     std::shared_ptr<Slot> slot;
     {

@@ -83,9 +83,12 @@ class DvDataMgr {
   bool init(bool isReal);
   // Starts the service threads and connects; true when connected. Once
   // started, connects again and repeats the start-up requests with the
-  // threads that run. On a failed connect every thread is ended.
+  // threads that run. On a failed connect every thread is ended. Safe from
+  // any thread; from a service thread or a host callback it fails at once
+  // rather than wait for another start's Connect.
   bool start();
-  // Disconnects and ends every thread; true. A no-op when not started.
+  // Disconnects and ends every thread; true. A no-op when not started. From
+  // a host thread outside every callback it returns once they have ended.
   bool stop();
 
   // Appends a message to the queue; ownership passes to the queue. Any thread.
@@ -99,9 +102,9 @@ class DvDataMgr {
   size_t queue_held_bytes() const { return queue_.held_bytes(); }
   void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
 
-  // Thread bodies; the argument is the data manager.
-  static unsigned DataServiceThread(void* mgr);
-  static unsigned TimerTaskThread(void* mgr);
+  // Thread bodies; the argument names the data manager, the run and the shard.
+  static unsigned DataServiceThread(void* args);
+  static unsigned TimerTaskThread(void* args);
 
   // One back-off step while a market initialises: logs, then sleeps 400 ms
   // for attempts up to 5 and 1000 ms after.
@@ -110,6 +113,10 @@ class DvDataMgr {
   // Routes one message to its handler. Service threads only. size bounds the
   // bytes of data that handlers may read.
   void on_reply_data(int msg_type, void* data, size_t size);
+
+  // The stream key of the message the calling thread is handling; 0 outside
+  // one (a handler called directly then serves every instrument).
+  static uint32_t message_key();
 
   // Reply handlers, one per message type, each given the copied record and
   // the number of bytes copied, which bounds what it reads.
@@ -158,14 +165,13 @@ class DvDataMgr {
   void set_connected(bool connected);
   // The reaction to the vendor's connection report, on the vendor's thread.
   void on_connect_status(int server, int status);
-  // The vendor gave up: stop now, or as soon as a running init, start or
-  // stop lets go, without waiting for it.
+  // The vendor gave up: stops without waiting for any thread.
   void stop_from_vendor();
   // The gate at the head of a request: false, with its ERROR line under
   // function, when the service is stopped or stays disconnected for 5 x 400 ms.
   bool pass_request_gate(const char* function);
   bool is_connected() const { return connected_.load(std::memory_order_acquire); }
-  bool is_started() const { return running_.load(std::memory_order_acquire); }
+  bool is_started() const { return current_run_.load(std::memory_order_acquire) != 0; }
 
   // Start-up and daily requests.
   void request_base_data();
@@ -191,7 +197,8 @@ class DvDataMgr {
   void get_market_trade_day_list(const std::string& market, char variant, std::vector<int64_t>& days);
   void get_HKC_trade_day_list(char variant, std::vector<int64_t>& days);
 
-  // The next request id: 21, 22, ... 30000, then 20 again, skipping ids in use.
+  // The next request id: 21, 22, ... 30000, then 20 again, skipping the ids
+  // of subscriptions and of history and financial requests still pending.
   uint16_t next_serial();
   bool serial_in_use(uint16_t serial) const;
   SubscriptionTable& subscriptions() { return subscriptions_; }
@@ -212,7 +219,7 @@ class DvDataMgr {
   CMyCallBackPro* callback() { return &callback_; }
   MarketTable& markets() { return markets_; }
   Calendar& calendar() { return calendar_; }
-  int thread_count() const { return thread_count_; }
+  int thread_count() const { return thread_count_.load(); }
   bool timer_started() const { return timer_started_.load(); }
 
   // --- Seams for embedding and tests; none is needed in production. ---
@@ -234,22 +241,22 @@ class DvDataMgr {
   size_t queue_size() const;
 
  private:
-  void service_loop(int server);
+  void service_loop(uint64_t run, int server);
   // The level-1 route of code in market id, kept by the service thread or
   // looked up into scratch; null after its line when the market or the
   // instrument is missing or the market initialising.
   const TickRoute* l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch);
-  void stand_in_loop(int slot);
+  void stand_in_loop(uint64_t run, int slot);
   static unsigned StandInThread(void* slot);
   // Handles msg and, when it belongs to a strand, the strand's messages
   // that queued up meanwhile.
   void handle_chain(int server, DataMsg* msg);
-  void timer_loop();
+  void timer_loop(uint64_t run);
   void handle_msg(int server, DataMsg* msg);
-  void end_service_threads();
   // A service thread is about to wait for a reply: when no other server is
   // left to take replies, a stand-in starts.
   void enter_blocked();
+  void start_timer_thread();
   void end_timer_thread();
   void seed_markets();
   // Reads the capture setting; when it is on, requests go through a recorder.
@@ -271,16 +278,39 @@ class DvDataMgr {
   // Milliseconds since the request id was sent, 0 when unknown.
   double since_sent(uint16_t id);
 
-  // init, start and stop run one at a time under LifecycleLock. A failure
-  // the vendor reports meanwhile (or from inside Connect) must not wait for
-  // them: it is noted in stop_pending_ and carried out by whoever holds the
-  // lock when it lets go.
-  class LifecycleLock;
-  void stop_locked();
-  void drain_stop();
+  // Lifecycle. A run is one start's service and timer threads; a service
+  // thread serves while its run is current_run_. lifecycle_mu_ guards the run
+  // fields and is never held across a vendor call or a wait for threads, so
+  // that start and stop are safe from a host thread, from inside any host
+  // callback and from the vendor's thread. An ended run's threads are
+  // detached and leave on their own; only a host thread outside every
+  // callback waits for them to have left (they may be waiting for it).
+  // Ends the current run: true when this call ended it.
+  bool end_run();
+  // Waits until every thread of an ended run has left its loop.
+  void wait_ended_runs();
+  // A service thread's entry into its run: false when the run ended before it
+  // could serve. Waits until no thread of an earlier run is left (one key, one
+  // writer); the first thread through deals the queue out for the run.
+  bool enter_run(uint64_t run);
+  // The last thing a thread of run does with the data manager.
+  void leave_run(uint64_t run);
+  bool run_current(uint64_t run) const { return current_run_.load(std::memory_order_acquire) == run; }
+  // Whether the calling thread may wait for service threads: it is neither
+  // one of them nor inside a host callback (whose thread they may wait for).
+  bool may_join() const;
+  std::mutex init_mu_;
+  std::mutex start_mu_;  // one start at a time (held across Connect)
   std::mutex lifecycle_mu_;
-  std::atomic<std::thread::id> lifecycle_owner_{};
-  std::atomic<bool> stop_pending_{false};
+  uint64_t runs_ = 0;
+  std::atomic<uint64_t> current_run_{0};
+  // Threads of each run still in their loops (the timer among them); the
+  // run the queue was last dealt out for.
+  std::mutex serve_mu_;
+  std::condition_variable serve_cv_;
+  std::map<uint64_t, int> in_loop_;
+  uint64_t activated_run_ = 0;
+  uint64_t stale_before_ = 0;  // messages pushed before the run's start are stale
   bool inited_ = false;
   CDataApi* api_ = nullptr;
   // While capturing, api_ is capture_api_, which passes every request on to
@@ -292,18 +322,20 @@ class DvDataMgr {
   CMyCallBackPro callback_;
   ServerTable servers_;
 
-  int thread_count_ = 0;
-  ThreadHandle* threads_ = nullptr;
-  port::Semaphore timer_sem_{0, 1024};
+  std::atomic<int> thread_count_{0};
+  ThreadHandle* threads_ = nullptr;  // the current run's; under lifecycle_mu_
+  // The timer thread ends once its run is no longer current: a state, not a
+  // counted signal, so nothing of one run's stop is left for the next run.
+  std::mutex timer_mu_;
+  std::condition_variable timer_cv_;
   ThreadHandle timer_thread_ = nullptr;
   std::atomic<int> timer_started_{0};
 
   std::mutex connected_mu_;
   std::atomic<bool> connected_{false};
-  std::atomic<bool> running_{false};
 
   MsgQueue queue_;
-  std::atomic<int> next_shard_{0};  // hands each service thread its shard
+  int next_shard_ = 0;  // hands each service thread its shard; under lifecycle_mu_
 
   // Servers taking replies (service threads and stand-ins), and how many of
   // them wait inside waitDynamicTime.
@@ -313,6 +345,7 @@ class DvDataMgr {
   struct StandIn {
     DvDataMgr* mgr = nullptr;
     int slot = 0;
+    uint64_t run = 0;
     ThreadHandle thread = nullptr;
     bool live = false;  // guarded by stand_in_mu_
   };
@@ -341,7 +374,7 @@ class DvDataMgr {
   // start time, end date, end time, and the number of the id's non-last
   // blocks being delivered at the moment. Financial: begin, end, kinds
   // outstanding. Each side takes an entry of the other's length for none.
-  std::mutex his_request_mu_;
+  mutable std::mutex his_request_mu_;
   std::map<uint16_t, std::vector<int32_t>> his_request_infos;
   std::mutex send_times_mu_;
   std::map<uint16_t, double> request_send_times;  // ms, when each id was last sent

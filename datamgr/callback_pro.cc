@@ -2,10 +2,12 @@
 // record, nothing else on the vendor's thread.
 #include "datamgr/callback_pro.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "capture/recorder.h"
 #include "datamgr/DvDataMgr.h"
@@ -117,9 +119,13 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
     case CopyRule::Key::kMarket:
       return size >= 2 ? HashKey(ReadAt<uint16_t>(block, 0), bytes, 0) : 0;
     case CopyRule::Key::kLevel2:
-      return size >= 44 ? HashKey(ReadAt<uint32_t>(block, 8), bytes + 12, 32) : 0;
+      return size >= 44 ? level2_record_key(bytes + 8) : 0;
   }
   return 0;
+}
+
+uint32_t level2_record_key(const void* record) {
+  return HashKey(ReadAt<uint32_t>(record, 0), static_cast<const uint8_t*>(record) + 4, 32);
 }
 
 uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size) {
@@ -160,7 +166,11 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
                      static_cast<long long>(CountOf(rule, record)));
     return -1;
   }
-  if (!mgr_->queue_admits(size + rule.spare)) {
+  // After stop nobody would take it.
+  if (!mgr_->is_started()) return -1;
+  // The limit holds back streams only: a request waits for every reply.
+  bool stream = rule.key != CopyRule::Key::kNone && rule.key != CopyRule::Key::kRequest;
+  if (stream && !mgr_->queue_admits(size + rule.spare)) {
     Dropped(rule);
     return -1;
   }
@@ -175,8 +185,36 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   msg->size = size;
   msg->key = ordering_key(rule.key, msg->data, size);
   msg->strand = strand_of(rule.key, msg->data, size);
+  if (rule.key == CopyRule::Key::kLevel2) QueueOtherInstruments(rule, *msg);
   mgr_->push_msg(msg);
   return 0;
+}
+
+void CMyCallBackPro::QueueOtherInstruments(const CopyRule& rule, const DataMsg& msg) {
+  constexpr size_t kHead = 8, kId = 36;  // message head; a record's market and code
+  const auto* bytes = static_cast<const uint8_t*>(msg.data);
+  size_t count = msg.size > kHead ? (msg.size - kHead) / rule.elem : 0;
+  if (count < 2) return;
+  std::vector<uint32_t> keys{msg.key};
+  const uint8_t* first = bytes + kHead;
+  for (size_t i = 1; i < count; ++i) {
+    const uint8_t* record = first + i * rule.elem;
+    if (std::memcmp(record, first, kId) == 0) continue;  // the common case: one instrument
+    uint32_t key = level2_record_key(record);
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+  }
+  for (size_t i = 1; i < keys.size(); ++i) {
+    DataMsg* copy = mgr_->alloc_msg(msg.size + rule.spare);
+    if (copy == nullptr) {
+      CMyLog::PrintLog(LOG_ERROR, rule.name, "分配地址空间出错...");
+      return;
+    }
+    std::memcpy(copy->data, msg.data, msg.size);
+    copy->msg_type = msg.msg_type;
+    copy->size = msg.size;
+    copy->key = keys[i];
+    mgr_->push_msg(copy);
+  }
 }
 
 void CMyCallBackPro::Dropped(const CopyRule& rule) {

@@ -13,6 +13,7 @@
 namespace tavr {
 
 class DvDataMgr;
+struct DataMsg;
 
 // How one callback sizes its copy of the vendor's record.
 struct CopyRule {
@@ -45,6 +46,9 @@ struct CopyRule {
 // The stream key of a copied record: equal for the records of one
 // instrument (or one market's packages), 0 for replies.
 uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size);
+// The stream key of one level-2 record (market at 0, code at 4). A message
+// may mix instruments: each gets a copy of its own, keyed so (see Queue).
+uint32_t level2_record_key(const void* record);
 // The strand of a copied reply: one per request id, 0 for none.
 uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size);
 
@@ -102,6 +106,9 @@ class CMyCallBackPro : public CDataApiCallBack {
   // Copies record under rule into a new message and queues it: 0, or -1 when
   // nothing was queued.
   int Queue(const CopyRule& rule, const void* record);
+  // Queues one copy of msg's record per further instrument of a level-2
+  // message, each keyed by its instrument; msg itself keeps the first.
+  void QueueOtherInstruments(const CopyRule& rule, const DataMsg& msg);
   // Counts a record the full queue refused, and says so at most once a
   // second while refusals last.
   void Dropped(const CopyRule& rule);

@@ -1,5 +1,6 @@
 #include "datamgr/callback_pro.h"
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -267,10 +268,12 @@ TEST_F(CallbackProTest, SlotsTheAdapterDoesNotServeQueueNothing) {
   EXPECT_TRUE(DeliverRecord(&CDataApiCallBack::OnRespUnused41, record).empty());
 }
 
-// While nothing drains the queue (the service stopped), callbacks beyond the
-// limit are refused and counted, with one line a second, not one a record;
-// once drained, the queue takes records again.
-TEST(CallbackLimitTest, AFullQueueDropsAndCountsCallbacks) {
+// While the service threads are held up, stream callbacks beyond the limit
+// are refused and counted, with one line a second, not one a record; the
+// replies a request waits for (a history block, a financial statement) are
+// still taken. Once drained, the queue takes records again; after stop it
+// takes nothing.
+TEST(CallbackLimitTest, AFullQueueDropsStreamsOnly) {
   testkit::WorkDir dir;
   dir.write("dravikcfg.dat", testkit::config_xml("<quote>" + testkit::servers_xml(1) + "</quote><history>" +
                                                  testkit::servers_xml(1) + "</history>"));
@@ -279,10 +282,21 @@ TEST(CallbackLimitTest, AFullQueueDropsAndCountsCallbacks) {
   DvDataMgr mgr;
   mgr.set_api(&api);
   mgr.set_processor_count(2);
+  std::atomic<bool> hold{true}, held{false};
+  std::atomic<int> replies{0};
+  mgr.set_message_hook([&](uint32_t type, void*, size_t) {
+    if (type == 13 || type == 37) ++replies;
+    if (type != 4) return;
+    held = true;
+    while (hold) std::this_thread::yield();
+  });
   ASSERT_TRUE(mgr.init(true));
+  ASSERT_TRUE(mgr.start());
   log.enable_all_levels();
   mgr.set_queue_limit(64 << 10);
   ApiL1Tick tick = testkit::l1_tick(2, "600000", 93000, 10.0f);
+  ASSERT_EQ(mgr.callback()->OnTickL1(&tick), 0);
+  while (!held) std::this_thread::yield();
   int queued = 0;
   for (int i = 0; i < 2000; ++i) queued += mgr.callback()->OnTickL1(&tick) == 0 ? 1 : 0;
   EXPECT_GT(queued, 100);
@@ -291,9 +305,13 @@ TEST(CallbackLimitTest, AFullQueueDropsAndCountsCallbacks) {
   EXPECT_EQ(mgr.queue_size(), static_cast<size_t>(queued));
   EXPECT_EQ(log.count("Queue full["), 1u) << log.dump();
   EXPECT_TRUE(log.contains("callbacks dropped (1 in all)..."));
+  std::vector<uint8_t> reply(1024, 0);
+  EXPECT_EQ(mgr.callback()->OnRespHisData(reply.data()), 0);
+  EXPECT_EQ(mgr.callback()->OnRespBalanceSheetData(reply.data()), 0);
 
-  ASSERT_TRUE(mgr.start());
+  hold = false;
   ASSERT_TRUE(mgr.wait_idle(5000));
+  EXPECT_EQ(replies.load(), 2);
   int rc = -1;
   for (int i = 0; i < 200 && rc != 0; ++i) {
     port::SleepMs(10);
@@ -301,6 +319,9 @@ TEST(CallbackLimitTest, AFullQueueDropsAndCountsCallbacks) {
   }
   EXPECT_EQ(rc, 0);
   EXPECT_TRUE(mgr.stop());
+  EXPECT_EQ(mgr.callback()->OnTickL1(&tick), -1);
+  EXPECT_EQ(mgr.callback()->OnRespHisData(reply.data()), -1);
+  EXPECT_EQ(mgr.queue_size(), 0u);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "testkit/fake_api.h"
 #include "testkit/log_capture.h"
 #include "testkit/work_dir.h"
+#include "utils/utils.h"
 
 namespace tavr {
 namespace {
@@ -116,7 +117,13 @@ TEST_F(ConnectionTest, AFailureReportedDuringConnectStopsWithoutWaiting) {
     EXPECT_EQ(mgr_.thread_count(), 0);
   }
   api_.on_connect(nullptr);
+  // The next session's daily job still runs: nothing of those stops is left
+  // for its timer thread.
+  mgr_.set_clock([] { return static_cast<double>(utils::timeToMilliseconds(20240101, 83005) / 1000); });
+  mgr_.set_timer_period_ms(5);
   EXPECT_TRUE(mgr_.start());
+  EXPECT_TRUE(log_.wait_for("Start daily job......"));
+  EXPECT_FALSE(log_.contains("Daily job thread end......"));
   mgr_.stop();
 }
 

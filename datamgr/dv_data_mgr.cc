@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "capture/capture_api.h"
+#include "client/host_call.h"
 #include "capture/capture_settings.h"
 #include "capture/recorder.h"
 #include "log/MyLog.h"
@@ -20,6 +21,9 @@ namespace {
 
 // The data manager whose queue the calling thread serves, if any.
 thread_local DvDataMgr* t_serving = nullptr;
+thread_local uint32_t t_message_key = 0;
+// The run the calling service thread belongs to.
+thread_local uint64_t t_run = 0;
 
 }  // namespace
 
@@ -32,7 +36,10 @@ bool daily_job_due(int64_t now, int last_date) {
 
 DvDataMgr::DvDataMgr() : callback_(this), clock_(&utils::getTime) {}
 
-DvDataMgr::~DvDataMgr() { stop(); }
+DvDataMgr::~DvDataMgr() {
+  stop();
+  wait_ended_runs();
+}
 
 void DvDataMgr::init_capture() {
   CaptureSettings settings = read_capture_settings(port::CaptureConfigPath());
@@ -55,43 +62,18 @@ void DvDataMgr::seed_markets() {
   calendar_.reset();
 }
 
-class DvDataMgr::LifecycleLock {
- public:
-  explicit LifecycleLock(DvDataMgr& mgr) : mgr_(mgr) {
-    mgr_.lifecycle_mu_.lock();
-    mgr_.lifecycle_owner_.store(std::this_thread::get_id());
-  }
-  ~LifecycleLock() {
-    mgr_.lifecycle_owner_.store(std::thread::id());
-    mgr_.lifecycle_mu_.unlock();
-    mgr_.drain_stop();
-  }
-  LifecycleLock(const LifecycleLock&) = delete;
-  LifecycleLock& operator=(const LifecycleLock&) = delete;
+namespace {
 
- private:
-  DvDataMgr& mgr_;
+struct ServiceArgs {
+  DvDataMgr* mgr;
+  uint64_t run;
+  int server;
 };
 
-void DvDataMgr::drain_stop() {
-  while (stop_pending_.load()) {
-    if (!lifecycle_mu_.try_lock()) return;  // the holder drains when it lets go
-    lifecycle_owner_.store(std::this_thread::get_id());
-    if (stop_pending_.exchange(false)) stop_locked();
-    lifecycle_owner_.store(std::thread::id());
-    lifecycle_mu_.unlock();
-  }
-}
-
-void DvDataMgr::stop_from_vendor() {
-  stop_pending_.store(true);
-  // Reported from inside our own start's Connect: start carries it out.
-  if (lifecycle_owner_.load() == std::this_thread::get_id()) return;
-  drain_stop();
-}
+}  // namespace
 
 bool DvDataMgr::init(bool isReal) {
-  LifecycleLock lock(*this);
+  std::lock_guard<std::mutex> lock(init_mu_);
   if (inited_) {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::init", "Already inited, do nothing....");
     return true;
@@ -114,44 +96,55 @@ bool DvDataMgr::init(bool isReal) {
 }
 
 bool DvDataMgr::start() {
-  LifecycleLock lock(*this);
-  // Started before (the connection may have gone since): connect again with
-  // the service and timer threads that run.
-  const bool threads_run = running_.load();
-  if (!threads_run) {
-    running_.store(true);
-    thread_count_ = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
-    // A message left from an earlier run is stale; only the oldest goes.
-    if (DataMsg* stale = queue_.activate(thread_count_)) {
-      free_msg(stale);
-      handled_[MsgQueue::kMaxServers].value.fetch_add(1);
+  // A start from a library thread or a host callback does not wait for
+  // another start's Connect, which may wait for the thread it runs on.
+  std::unique_lock<std::mutex> start_lock(start_mu_, std::defer_lock);
+  if (!start_lock.try_lock()) {
+    if (!may_join()) return false;
+    start_lock.lock();
+  }
+  uint64_t run = 0;
+  bool threads_run = false;
+  {
+    std::lock_guard<std::mutex> lock(lifecycle_mu_);
+    run = current_run_.load();
+    // Started before (the connection may have gone since): connect again with
+    // the service and timer threads that run.
+    threads_run = run != 0;
+    if (!threads_run) {
+      run = ++runs_;
+      int count = service_thread_count(processors_ > 0 ? processors_ : port::ProcessorCount());
+      {
+        std::lock_guard<std::mutex> serve_lock(serve_mu_);
+        in_loop_[run] = count;
+        stale_before_ = queue_.pushed();
+      }
+      {
+        std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
+        serving_ = count;
+      }
+      current_run_.store(run, std::memory_order_release);
+      thread_count_.store(count);
+      threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * count));
+      for (int i = 0; i < count; ++i) {
+        threads_[i] = thread_create(&DvDataMgr::DataServiceThread, new ServiceArgs{this, run, i});
+      }
+      // A session's capture runs from its first connect to its stop.
+      if (capture() != nullptr) capture()->begin();
     }
-    next_shard_.store(0);
-    {
-      std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
-      serving_ = thread_count_;
-    }
-    threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * thread_count_));
-    for (int i = 0; i < thread_count_; ++i) threads_[i] = thread_create(&DvDataMgr::DataServiceThread, this);
   }
 
-  // A session's capture runs from its first connect to its stop.
-  if (!threads_run && capture() != nullptr) capture()->begin();
   ConnectResult result{0, 0, 0};
   int rc = api_ != nullptr ? api_->Connect(&result) : -1;
   if (rc != 0) {
     CMyLog::PrintLog(LOG_ERROR, "DvDataMgr::start", "ThreadId[%lu] %s API建立连接失败[%d, %d, %d]...",
                      port::CurrentThreadId(), "DvDataMgr::start", result.code, result.server,
                      result.detail);
-    running_.store(false);
-    end_service_threads();
-    if (threads_run) end_timer_thread();
-    if (capture() != nullptr) capture()->end();
-    return false;
+    if (end_run() && capture() != nullptr) capture()->end();
   }
-  // The vendor gave up while connecting: the connection failed after all.
-  if (stop_pending_.exchange(false)) {
-    stop_locked();
+  // Failed, or a stop meanwhile (the vendor giving up inside Connect) ended the run.
+  if (!run_current(run)) {
+    if (may_join()) wait_ended_runs();
     return false;
   }
   set_connected(true);
@@ -160,56 +153,104 @@ bool DvDataMgr::start() {
   request_market_data(0);
   request_holidays();
   request_hkc_rate(0, 0);
-  if (!threads_run) timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, this);
+  if (!threads_run) {
+    std::lock_guard<std::mutex> lock(lifecycle_mu_);
+    if (run_current(run)) start_timer_thread();
+  }
   return true;
 }
 
-void DvDataMgr::end_service_threads() {
-  queue_.wake_all();
-  for (int i = 0; i < thread_count_; ++i) thread_join(threads_[i]);
-  for (StandIn& stand_in : stand_ins_) {
-    ThreadHandle thread = nullptr;
-    {
-      std::lock_guard<std::mutex> lock(stand_in_mu_);
-      std::swap(thread, stand_in.thread);
-    }
-    if (thread != nullptr) thread_join(thread);
-  }
+void DvDataMgr::start_timer_thread() {
   {
-    std::lock_guard<std::mutex> lock(stand_in_mu_);
-    for (StandIn& stand_in : stand_ins_) stand_in.live = false;
-    serving_ = 0;
+    std::lock_guard<std::mutex> lock(serve_mu_);
+    ++in_loop_[current_run_.load()];
   }
-  zfree(threads_);
-  threads_ = nullptr;
-  thread_count_ = 0;
+  timer_thread_ = thread_create(&DvDataMgr::TimerTaskThread, new ServiceArgs{this, current_run_.load(), -1});
 }
 
-void DvDataMgr::end_timer_thread() {
-  timer_sem_.Release();
-  thread_join(timer_thread_);
-  timer_thread_ = nullptr;
+bool DvDataMgr::end_run() {
+  {
+    std::lock_guard<std::mutex> lock(lifecycle_mu_);
+    if (current_run_.load() == 0) return false;
+    current_run_.store(0, std::memory_order_release);
+    for (int i = 0; i < thread_count_.load(); ++i) port::DetachThread(threads_[i]);
+    zfree(threads_);
+    threads_ = nullptr;
+    thread_count_.store(0);
+    {
+      std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
+      for (StandIn& stand_in : stand_ins_) {
+        port::DetachThread(stand_in.thread);
+        stand_in.thread = nullptr;
+        stand_in.live = false;
+      }
+      serving_ = 0;
+    }
+    {
+      // The timer's wait reads the run under this lock: it cannot miss the end.
+      std::lock_guard<std::mutex> timer_lock(timer_mu_);
+    }
+    timer_cv_.notify_all();
+    port::DetachThread(timer_thread_);
+    timer_thread_ = nullptr;
+  }
+  queue_.wake_all();
+  std::lock_guard<std::mutex> serve_lock(serve_mu_);
+  serve_cv_.notify_all();
+  return true;
 }
+
+void DvDataMgr::wait_ended_runs() {
+  std::unique_lock<std::mutex> lock(serve_mu_);
+  serve_cv_.wait(lock, [this] {
+    return in_loop_.empty() || (in_loop_.size() == 1 && run_current(in_loop_.begin()->first));
+  });
+}
+
+bool DvDataMgr::enter_run(uint64_t run) {
+  std::unique_lock<std::mutex> lock(serve_mu_);
+  serve_cv_.wait(lock, [&] { return !run_current(run) || in_loop_.begin()->first == run; });
+  if (!run_current(run)) return false;
+  if (activated_run_ != run) {
+    activated_run_ = run;
+    // A message left from an earlier run is stale; only the oldest goes.
+    if (DataMsg* stale = queue_.activate(thread_count_.load(), stale_before_)) {
+      free_msg(stale);
+      handled_[MsgQueue::kMaxServers].value.fetch_add(1);
+    }
+  }
+  return true;
+}
+
+void DvDataMgr::leave_run(uint64_t run) {
+  std::lock_guard<std::mutex> lock(serve_mu_);
+  if (--in_loop_[run] == 0) in_loop_.erase(run);
+  serve_cv_.notify_all();
+}
+
+bool DvDataMgr::may_join() const { return t_serving != this && host_call_depth() == 0; }
 
 bool DvDataMgr::stop() {
-  LifecycleLock lock(*this);
-  stop_locked();
+  stop_from_vendor();
+  if (may_join()) wait_ended_runs();
   return true;
 }
 
-void DvDataMgr::stop_locked() {
-  if (!running_.load()) return;
+void DvDataMgr::stop_from_vendor() {
+  if (!end_run()) return;
   if (api_ != nullptr) api_->Release();
   set_connected(false);
-  running_.store(false);
-  end_service_threads();
-  end_timer_thread();
   if (capture() != nullptr) capture()->end();
-  markets_.clear_codes();
   {
-    std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
-    calendar_.hk_rates.clear();
+    // No reply comes for a financial request of an ended session: what it
+    // collected goes.
+    std::lock_guard<std::mutex> lock(his_request_mu_);
+    for (const auto& [id, collect] : finance_results_) his_request_infos.erase(id);
+    finance_results_.clear();
   }
+  markets_.clear_codes();
+  std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
+  calendar_.hk_rates.clear();
 }
 
 void DvDataMgr::push_msg(DataMsg* msg) {
@@ -226,11 +267,13 @@ void DvDataMgr::handle_msg(int server, DataMsg* msg) {
     // The lines of one message reach the log file together.
     SizedRollingFileAppender::FlushBatch batch;
     if (message_hook_) message_hook_(msg->msg_type, msg->data, msg->size);
+    t_message_key = msg->key;
     on_reply_data(static_cast<int>(msg->msg_type), msg->data, msg->size);
   } catch (...) {
     CMyLog::PrintLog(LOG_FATAL, "DvDataMgr::DataServiceThread",
                      "数据服务线程, do bussiness catch Exception!!!...");
   }
+  t_message_key = 0;
   queue_.recycle(server, msg);
   handled_[server].value.fetch_add(1);
   if (idle_waiters_.load() > 0 && pending() == 0) {
@@ -239,26 +282,35 @@ void DvDataMgr::handle_msg(int server, DataMsg* msg) {
   }
 }
 
+uint32_t DvDataMgr::message_key() { return t_message_key; }
+
 void DvDataMgr::handle_chain(int server, DataMsg* msg) {
   while (msg != nullptr) {
     uint32_t strand = msg->strand;
     handle_msg(server, msg);
-    msg = strand != 0 ? queue_.end_strand(strand) : nullptr;
+    // After the run ended, the strand's rest waits for the next run's deal.
+    msg = strand != 0 && run_current(t_run) ? queue_.end_strand(strand) : nullptr;
   }
 }
 
-unsigned DvDataMgr::DataServiceThread(void* mgr) {
-  auto* self = static_cast<DvDataMgr*>(mgr);
-  self->service_loop(self->next_shard_.fetch_add(1));
+unsigned DvDataMgr::DataServiceThread(void* arg) {
+  auto* args = static_cast<ServiceArgs*>(arg);
+  DvDataMgr* self = args->mgr;
+  uint64_t run = args->run;
+  int server = args->server;
+  delete args;
+  self->service_loop(run, server);
   return 0;
 }
 
-void DvDataMgr::service_loop(int server) {
+void DvDataMgr::service_loop(uint64_t run, int server) {
   t_serving = this;
+  t_run = run;
   TickRoutes routes;
   TickRoutes::current() = &routes;
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 begin...");
-  while (running_.load(std::memory_order_acquire)) {
+  bool serving = enter_run(run);
+  while (serving && run_current(run)) {
     DataMsg* msg = nullptr;
     try {
       // Take before waiting: wake-ups beyond the semaphore's maximum are lost,
@@ -277,20 +329,26 @@ void DvDataMgr::service_loop(int server) {
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::DataServiceThread", "数据服务线程 exit...");
   TickRoutes::current() = nullptr;
   t_serving = nullptr;
+  leave_run(run);
 }
 
 void DvDataMgr::enter_blocked() {
   int blocked = blocked_.fetch_add(1) + 1;
   std::lock_guard<std::mutex> lock(stand_in_mu_);
-  if (!running_.load() || blocked < serving_) return;
+  if (!run_current(t_run) || blocked < serving_) return;
   for (StandIn& stand_in : stand_ins_) {
     if (stand_in.live) continue;
     // The slot's earlier thread has left its loop; only its handle remains.
-    if (stand_in.thread != nullptr) thread_join(stand_in.thread);
+    port::DetachThread(stand_in.thread);
     stand_in.mgr = this;
     stand_in.slot = static_cast<int>(&stand_in - stand_ins_);
+    stand_in.run = t_run;
     stand_in.live = true;
     ++serving_;
+    {
+      std::lock_guard<std::mutex> serve_lock(serve_mu_);
+      ++in_loop_[t_run];
+    }
     stand_in.thread = thread_create(&DvDataMgr::StandInThread, &stand_in);
     return;
   }
@@ -298,16 +356,18 @@ void DvDataMgr::enter_blocked() {
 
 unsigned DvDataMgr::StandInThread(void* arg) {
   auto* stand_in = static_cast<StandIn*>(arg);
-  stand_in->mgr->stand_in_loop(stand_in->slot);
+  // Read before the slot can be handed to another run.
+  stand_in->mgr->stand_in_loop(stand_in->run, stand_in->slot);
   return 0;
 }
 
 // Takes replies while every service thread waits inside a handler; leaves
 // once it is idle and another server is free.
-void DvDataMgr::stand_in_loop(int slot) {
+void DvDataMgr::stand_in_loop(uint64_t run, int slot) {
   t_serving = this;
+  t_run = run;
   int server = MsgQueue::kMaxShards + slot;
-  while (running_.load(std::memory_order_acquire)) {
+  while (run_current(run)) {
     if (DataMsg* msg = queue_.take(server)) {
       handle_chain(server, msg);
       continue;
@@ -323,6 +383,7 @@ void DvDataMgr::stand_in_loop(int slot) {
     queue_.wait_for(server, 50);
   }
   t_serving = nullptr;
+  leave_run(run);
 }
 
 int64_t DvDataMgr::pending() const {
@@ -342,19 +403,27 @@ bool DvDataMgr::wait_idle(int timeout_ms) {
   return idle;
 }
 
-unsigned DvDataMgr::TimerTaskThread(void* mgr) {
-  static_cast<DvDataMgr*>(mgr)->timer_loop();
+unsigned DvDataMgr::TimerTaskThread(void* arg) {
+  auto* args = static_cast<ServiceArgs*>(arg);
+  DvDataMgr* self = args->mgr;
+  uint64_t run = args->run;
+  delete args;
+  self->timer_loop(run);
+  self->leave_run(run);
   return 0;
 }
 
-void DvDataMgr::timer_loop() {
+void DvDataMgr::timer_loop(uint64_t run) {
   timer_started_.store(1);
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
   int last_date = -1;
   while (true) {
-    if (timer_sem_.AcquireFor(std::chrono::milliseconds(timer_period_ms_))) {
-      CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
-      return;
+    {
+      std::unique_lock<std::mutex> lock(timer_mu_);
+      if (timer_cv_.wait_for(lock, std::chrono::milliseconds(timer_period_ms_), [&] { return !run_current(run); })) {
+        CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
+        return;
+      }
     }
     int64_t seconds = static_cast<int64_t>(clock_());
     int64_t now = utils::millisecondsToTime(seconds * 1000);

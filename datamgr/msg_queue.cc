@@ -247,7 +247,7 @@ void MsgQueue::wake_all() {
   for (int i = 0; i < kMaxServers; ++i) servers_[i].sem.Release();
 }
 
-DataMsg* MsgQueue::activate(int n) {
+DataMsg* MsgQueue::activate(int n, uint64_t stale_before) {
   std::vector<DataMsg*> left;
   std::vector<std::unique_lock<std::mutex>> locks;
   locks.reserve(kMaxServers + 1);
@@ -275,7 +275,7 @@ DataMsg* MsgQueue::activate(int n) {
   active_.store(n, std::memory_order_release);
   DataMsg* oldest = nullptr;
   for (DataMsg* msg : left) {
-    if (oldest == nullptr) {
+    if (oldest == nullptr && msg == left.front() && msg->seq < stale_before) {
       oldest = msg;
     } else if (msg->key == 0) {
       replies_.push_back(msg);

@@ -84,9 +84,10 @@ class MsgQueue {
   void wake_all();
 
   // Deals what is queued over n stream FIFOs in arrival order. The oldest
-  // message is taken out and returned (null when nothing was queued): a
-  // message left from an earlier run is stale. No server may be running.
-  DataMsg* activate(int n);
+  // message, when pushed before number stale_before, is taken out and
+  // returned (else null): a message left from an earlier run is stale. No
+  // server may be running.
+  DataMsg* activate(int n, uint64_t stale_before);
   size_t size() const;
   // Messages pushed since the queue was made.
   uint64_t pushed() const { return seq_.load(); }

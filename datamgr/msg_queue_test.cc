@@ -32,7 +32,7 @@ uint32_t ValueOf(const DataMsg* msg) {
 
 TEST(MsgQueueTest, SmallBlocksAreReusedLargeOnesFreed) {
   MsgQueue queue;
-  queue.activate(1);
+  queue.activate(1, 0);
   std::set<DataMsg*> first;
   for (uint32_t i = 0; i < 64; ++i) {
     DataMsg* msg = Filled(queue, MsgQueue::kBlockRoom, 7, i);
@@ -63,7 +63,7 @@ TEST(MsgQueueTest, SmallBlocksAreReusedLargeOnesFreed) {
 // races its falling asleep must still wake it.
 TEST(MsgQueueTest, ASleepingShardWakesForEveryPush) {
   MsgQueue queue;
-  queue.activate(2);
+  queue.activate(2, 0);
   constexpr uint32_t kCount = 3000;
   std::atomic<uint32_t> received{0};
   std::atomic<bool> give_up{false};
@@ -100,7 +100,7 @@ TEST(MsgQueueTest, ASleepingShardWakesForEveryPush) {
 // serves; a strand's replies come out one at a time, in order.
 TEST(MsgQueueTest, ActivateKeepsOrderWhilePushesRace) {
   MsgQueue queue;
-  queue.activate(5);
+  queue.activate(5, 0);
   constexpr uint32_t kKeys = 7;
   uint32_t next[kKeys] = {};
   for (uint32_t i = 0; i < 200; ++i) queue.push(Filled(queue, 8, 1 + i % kKeys, next[i % kKeys]++));
@@ -110,7 +110,7 @@ TEST(MsgQueueTest, ActivateKeepsOrderWhilePushesRace) {
     for (uint32_t i = 0; i < 20000; ++i) queue.push(Filled(queue, 8, 1 + i % kKeys, next[i % kKeys]++));
   });
   go = true;
-  DataMsg* oldest = queue.activate(2);
+  DataMsg* oldest = queue.activate(2, 200);
   ASSERT_NE(oldest, nullptr);
   EXPECT_EQ(oldest->key, 1u);
   EXPECT_EQ(ValueOf(oldest), 0u);

@@ -65,7 +65,7 @@ void DvDataMgr::on_reply_data(const ApiMarketOtherBaseHead* data, size_t size) {
     other->suspended = item.suspended != 0;
     bool found;
     {
-      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
+      std::lock_guard<std::mutex> lock(markets_.codes_mu.edit());
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
       if (found) info->other_base = std::move(other);
@@ -78,6 +78,7 @@ void DvDataMgr::on_reply_data(const ApiMarketOtherBaseHead* data, size_t size) {
                      name.c_str(), item.board, Flag(item.margin), Flag(item.short_sell), Flag(item.connect),
                      Flag(item.st), Flag(item.suspended));
   }
+  markets_.codes_mu.touch();
   market->other_base_ready.store(true);
   CMyLog::PrintLog(LOG_INFO, function, "[ApiMarketOtherBaseRsp] Market %s shares information end......", name.c_str());
 }
@@ -107,7 +108,7 @@ void DvDataMgr::on_reply_data(const ApiRefInfoHead* data, size_t size) {
     std::string instrument_name;
     bool found;
     {
-      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
+      std::lock_guard<std::mutex> lock(markets_.codes_mu.edit());
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
       if (found) {
@@ -134,6 +135,7 @@ void DvDataMgr::on_reply_data(const ApiRefInfoHead* data, size_t size) {
     CMyLog::PrintLog(LOG_TRACE, function, "Insert %s contract %s....", kind == 1 ? "Main" : "Recent",
                      pieces.back().c_str());
   }
+  markets_.codes_mu.touch();
   CMyLog::PrintLog(LOG_INFO, function, "[ApiRefInfoRsp]市场[%s]的合约基础数据处理完成.....", name.c_str());
   market->ref_info_ready.store(true);
 }
@@ -162,7 +164,7 @@ void DvDataMgr::on_reply_data(const ApiLatestShareHead* data, size_t size) {
     std::string code = field_text(item.code);
     bool found;
     {
-      std::lock_guard<CodesMutex> lock(markets_.codes_mu);
+      std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
       std::shared_ptr<BaseCodeInfo> info;
       found = find_code(*market, code, info) != 0;
     }

@@ -51,6 +51,9 @@ class CodesMutex {
     mu_.unlock();
   }
   std::mutex& read_only() { return mu_; }
+  // For a reply that changes many records: each change under edit(), then
+  // one touch() once the reply is done, so that kept lookups go once a reply.
+  std::mutex& edit() { return mu_; }
   uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
   void touch() { generation_.fetch_add(1, std::memory_order_acq_rel); }
 

@@ -59,6 +59,8 @@ class Semaphore {
 struct Thread;
 Thread* StartThread(unsigned (*fn)(void*), void* arg);
 void JoinThread(Thread* thread);
+// Releases the handle of a thread that ends on its own.
+void DetachThread(Thread* thread);
 
 // A per-thread pointer slot: dtor(value) runs when a thread that set a
 // non-null value ends. Slots live as long as their module: when a library

@@ -32,6 +32,12 @@ Thread* StartThread(unsigned (*fn)(void*), void* arg) {
   return t;
 }
 
+void DetachThread(Thread* thread) {
+  if (thread == nullptr) return;
+  if (thread->thread.joinable()) thread->thread.detach();
+  delete thread;
+}
+
 void JoinThread(Thread* thread) {
   if (thread == nullptr) return;
   if (thread->thread.joinable()) {

@@ -33,8 +33,9 @@ const TickRoute* DvDataMgr::l1_route(uint8_t market_id, const std::string& code,
   // Read before any lookup: a change made meanwhile leaves the route stale.
   uint64_t codes_generation = markets_.codes_mu.generation();
   uint64_t subscriptions_generation = subscriptions_.generation();
+  if (routes != nullptr) routes->hold(codes_generation);
   TickRoute* route = routes != nullptr ? routes->find(market_id, code) : nullptr;
-  if (route != nullptr && route->codes_generation == codes_generation) {
+  if (route != nullptr) {
     if (!route->market->initialised.load(std::memory_order_acquire)) {
       CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick]市场[%s]正在初始化，忽略该条tick数据...",
                        route->market->name.c_str());
@@ -45,7 +46,6 @@ const TickRoute* DvDataMgr::l1_route(uint8_t market_id, const std::string& code,
     auto market = markets_.find(name);
     if (market == nullptr) {
       CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] 市场[%s]不存在.....", name.c_str());
-      if (route != nullptr) routes->erase(market_id, code);
       return nullptr;
     }
     if (!market->initialised.load(std::memory_order_acquire)) {
@@ -55,12 +55,10 @@ const TickRoute* DvDataMgr::l1_route(uint8_t market_id, const std::string& code,
     TickRoute fresh;
     if (instrument_view(*market, code, fresh.view, &fresh.record) == 0) {
       CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiL1Tick] Code %s not exist...", code.c_str());
-      if (route != nullptr) routes->erase(market_id, code);
       return nullptr;
     }
     fresh.market = std::move(market);
     fresh.key = code + "." + name;
-    fresh.codes_generation = codes_generation;
     fresh.subscriptions_generation = 0;  // fetched below
     route = routes != nullptr ? &routes->put(market_id, code, std::move(fresh)) : &(scratch = std::move(fresh));
   }

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <mutex>
@@ -326,7 +328,9 @@ TEST(L1OrderingTest, EachInstrumentKeepsTheVendorsOrder) {
   }
 }
 
-// So do a market's packages and an instrument's level-2 messages.
+// So do a market's packages and an instrument's level-2 messages, also when
+// a vendor's message mixes instruments: instrument j < 3 comes in messages
+// with j + 3, which comes alone too.
 TEST(L1OrderingTest, PackagesAndLevel2KeepTheVendorsOrder) {
   testkit::MarketFixture fx;
   std::vector<ApiCodeInit> codes;
@@ -349,13 +353,18 @@ TEST(L1OrderingTest, PackagesAndLevel2KeepTheVendorsOrder) {
   }
   constexpr int kRounds = 300;
   std::thread vendor([&] {
+    auto trade = [](int j, int number) {
+      auto t = testkit::level2_record<ApiL2Transaction>(2, std::to_string(600000 + j).c_str(), 20240102, 93000000);
+      t.price = 100000;
+      t.volume = 100;
+      t.number1 = static_cast<uint32_t>(number * 10 + j);  // the sequence, then whose
+      return t;
+    };
     for (int n = 1; n <= kRounds; ++n) {
-      for (int i = 0; i < 6; ++i) {
-        auto trade = testkit::level2_record<ApiL2Transaction>(2, std::to_string(600000 + i).c_str(), 20240102, 93000000);
-        trade.price = 100000;
-        trade.volume = 100;
-        trade.number1 = static_cast<uint32_t>(n);
-        fx.mgr().callback()->OnTransL2(testkit::level2(std::vector<ApiL2Transaction>{trade}).data());
+      for (int j = 0; j < 3; ++j) {
+        auto mixed = testkit::level2(std::vector<ApiL2Transaction>{trade(j, 2 * n), trade(j + 3, 2 * n)});
+        fx.mgr().callback()->OnTransL2(mixed.data());
+        fx.mgr().callback()->OnTransL2(testkit::level2(std::vector<ApiL2Transaction>{trade(j + 3, 2 * n + 1)}).data());
       }
       auto sh = Package(2, {testkit::l1_tick(2, "600000", 100000, static_cast<float>(n))});
       auto sz = Package(1, {testkit::l1_tick(1, "000001", 100000, static_cast<float>(n))});
@@ -368,13 +377,15 @@ TEST(L1OrderingTest, PackagesAndLevel2KeepTheVendorsOrder) {
   std::map<int, std::vector<uint32_t>> numbers;
   for (const auto& r : fx.received()) {
     for (const auto& record : r.records) {
-      if (auto t = std::dynamic_pointer_cast<quoter::TransactionData>(record)) numbers[r.id].push_back(t->number1);
+      auto t = std::dynamic_pointer_cast<quoter::TransactionData>(record);
+      if (t != nullptr && trades[t->number1 % 10] == r.id) numbers[r.id].push_back(t->number1 / 10);
     }
   }
   ASSERT_EQ(numbers.size(), trades.size());
-  for (auto& [id, seen] : numbers) {
-    ASSERT_EQ(seen.size(), static_cast<size_t>(kRounds)) << id;
-    for (int n = 1; n <= kRounds; ++n) ASSERT_EQ(seen[n - 1], static_cast<uint32_t>(n)) << id;
+  for (int j = 0; j < 6; ++j) {
+    const std::vector<uint32_t>& seen = numbers[trades[j]];
+    ASSERT_EQ(seen.size(), static_cast<size_t>(j < 3 ? kRounds : 2 * kRounds)) << j;
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end(), std::less_equal<uint32_t>())) << j;
   }
   std::lock_guard<std::mutex> lock(mu);
   for (int market : {1, 2}) {

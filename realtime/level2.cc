@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "datamgr/DvDataMgr.h"
+#include "datamgr/callback_pro.h"
 #include "kelquote/KelQuoteClient.h"
 #include "log/MyLog.h"
 #include "market/record_reader.h"
@@ -75,6 +76,11 @@ void DvDataMgr::level2_stream(const void* data, size_t size, const Level2Stream&
   if (!reply.ok()) return;
   const char* function = stream.function;
   size_t count = reply.available(reply.head().count);
+  // A message that mixes instruments was queued once per instrument: this
+  // copy logs and delivers the records of its own key only, so that each
+  // instrument's records go out on its one thread, in order. Trades still
+  // carry the whole message's vector.
+  const uint32_t focus = message_key();
   // one_vector: every record of the message, delivered once to the
   // subscribers of each instrument it names, in order of first appearance.
   QuoteRecords batch;
@@ -94,11 +100,14 @@ void DvDataMgr::level2_stream(const void* data, size_t size, const Level2Stream&
   };
   for (size_t i = 0; i < count; ++i) {
     Record record = reply.item(i);
+    const bool mine = focus == 0 || level2_record_key(&record) == focus;
+    if (!mine && !stream.one_vector) continue;
     RecordHead head;
     std::memcpy(&head, &record, sizeof(head));
     std::string name = get_market_name_by_id(static_cast<int32_t>(head.market_id));
     auto market = markets_.find(name);
     if (market == nullptr) {
+      if (!mine) continue;
       if (stream.tick) {
         CMyLog::PrintLog(LOG_ERROR, function, "市场[%s]不存在.....", name.c_str());
       } else {
@@ -108,29 +117,30 @@ void DvDataMgr::level2_stream(const void* data, size_t size, const Level2Stream&
       continue;
     }
     if (!market->initialised.load(std::memory_order_acquire)) {
-      CMyLog::PrintLog(LOG_ERROR, function, "市场[%s]正在初始化，忽略该条tick数据...", name.c_str());
+      if (mine) CMyLog::PrintLog(LOG_ERROR, function, "市场[%s]正在初始化，忽略该条tick数据...", name.c_str());
       continue;
     }
     std::string code = field_text(head.code);
     InstrumentView view;
     if (instrument_view(*market, code, view) == 0) {
-      CMyLog::PrintLog(LOG_ERROR, function, "Code %s not exist...", code.c_str());
+      if (mine) CMyLog::PrintLog(LOG_ERROR, function, "Code %s not exist...", code.c_str());
       continue;
     }
-    CMyLog::PrintLog(LOG_TRACE, function, "Code %s info [%d, %d]...", code.c_str(), view.digits, view.unit);
-    std::shared_ptr<quoter::QuoterBase> converted = make(record, code, view, name, static_cast<int>(i) + 1);
+    if (mine) CMyLog::PrintLog(LOG_TRACE, function, "Code %s info [%d, %d]...", code.c_str(), view.digits, view.unit);
+    // Record number 0: converted for another copy's vector, not logged here.
+    std::shared_ptr<quoter::QuoterBase> converted = make(record, code, view, name, mine ? static_cast<int>(i) + 1 : 0);
     if (converted == nullptr) continue;
     std::string key = code + "." + name;
     if (!stream.one_vector) {
       deliver(key, QuoteRecords{std::move(converted)});
       continue;
     }
-    if ((batch_keys.empty() || batch_keys.back() != key) && seen_keys.insert(key).second) {
+    if (mine && (batch_keys.empty() || batch_keys.back() != key) && seen_keys.insert(key).second) {
       batch_keys.push_back(std::move(key));
     }
     batch.push_back(std::move(converted));
   }
-  if (batch.empty()) return;
+  if (batch_keys.empty()) return;
   for (const std::string& key : batch_keys) deliver(key, batch);
 }
 
@@ -194,6 +204,7 @@ void DvDataMgr::on_reply_data_l2_transaction(const void* data, size_t size) {
     r->number2 = t.number2;
     r->flag1 = t.flag1;
     r->flag2 = t.flag2;
+    if (n == 0) return r;
     CMyLog::PrintLog(LOG_INFO, stream.function, "#[%d]:%lf,%lld,%lf,%d,%d,%d,%d,time=%lld", n, r->price,
                      static_cast<long long>(r->volume), r->amount, static_cast<int>(r->number1),
                      static_cast<int>(r->number2), r->flag2, r->flag1, static_cast<long long>(r->time));

@@ -34,7 +34,19 @@ uint16_t DvDataMgr::next_serial() {
   return serial_counter_;
 }
 
-bool DvDataMgr::serial_in_use(uint16_t serial) const { return subscriptions_.holds_serial(serial); }
+bool DvDataMgr::serial_in_use(uint16_t serial) const {
+  if (subscriptions_.holds_serial(serial)) return true;
+  std::lock_guard<std::mutex> lock(his_request_mu_);
+  // A financial request answers under its id plus each kind's bit.
+  for (const auto& [id, request] : his_request_infos) {
+    int offset = static_cast<int>(serial) - static_cast<int>(id);
+    if (offset == 0 || (request.size() == 3 && offset > 0 && offset <= 0xFF && (request[2] & offset) == offset &&
+                        (offset & (offset - 1)) == 0)) {
+      return true;
+    }
+  }
+  return false;
+}
 
 uint16_t DvDataMgr::request_tick_push(const quoter::TSMetaInfo& request, const std::string& market) {
   const char* function = "DvDataMgr::request_tick_push";

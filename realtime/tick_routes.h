@@ -25,16 +25,21 @@ struct TickRoute {
   InstrumentView view;
   std::string key;  // "code.market", the subscription key
   std::shared_ptr<const SubscriptionTable::List> subscribers;
-  // The generations the route was looked up under: the instrument tables'
-  // for everything but the subscribers, the subscription table's for them.
-  uint64_t codes_generation = 0;
+  // The subscription table's generation the subscribers were fetched under.
   uint64_t subscriptions_generation = 0;
 };
 
-// One service thread's routes, by market id and code. A route is used only
-// while the generation it was filled under stands.
+// One service thread's routes, by market id and code, all looked up under
+// one generation of the instrument tables: when it moves, every route goes,
+// so that none outlives its instrument.
 class TickRoutes {
  public:
+  // Drops every route unless they were looked up under generation.
+  void hold(uint64_t generation) {
+    if (generation == generation_) return;
+    for (auto& routes : by_market_) routes.clear();
+    generation_ = generation;
+  }
   // The route of code in market id, null when none is kept.
   TickRoute* find(uint8_t market_id, const std::string& code) {
     auto& routes = by_market_[market_id];
@@ -44,7 +49,6 @@ class TickRoutes {
   TickRoute& put(uint8_t market_id, const std::string& code, TickRoute route) {
     return by_market_[market_id].insert_or_assign(code, std::move(route)).first->second;
   }
-  void erase(uint8_t market_id, const std::string& code) { by_market_[market_id].erase(code); }
 
   // The routes of the running thread; null outside a service thread.
   static TickRoutes*& current();
@@ -53,6 +57,7 @@ class TickRoutes {
   // A table per market id: a lookup keys by the code the snapshot already
   // carries, with no key of its own to build.
   std::array<std::unordered_map<std::string, TickRoute>, 256> by_market_;
+  uint64_t generation_ = 0;
 };
 
 }  // namespace tavr

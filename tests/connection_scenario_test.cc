@@ -108,16 +108,5 @@ TEST_F(ConnectionScenarioTest, AHostListsAMarketFromInsideItsChangeNotification)
   EXPECT_FALSE(log_.contains("初始化失败"));
 }
 
-TEST_F(ConnectionScenarioTest, ARefusedConnectFailsTheLoginWithTheTimeoutText) {
-  SimRefuseConnect(1);
-  auto [ok, text] = Login();
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(text, "网关连接超时，请检查网络状态，稍后重试！");
-  EXPECT_FALSE(client_.logged_in());
-  SimRefuseConnect(0);
-  EXPECT_TRUE(Login().first);
-  EXPECT_TRUE(client_.logged_in());
-}
-
 }  // namespace
 }  // namespace tavr
