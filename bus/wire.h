@@ -1,0 +1,116 @@
+// What travels on the bus: the capture file's records (a 16-byte head, then
+// the callback's bytes, a request with its number, or a request's result),
+// their subjects, the settings both ends read, and the connection to the
+// NATS servers.
+//
+// Subjects, under a bus name (setting "name", default "kq"):
+//   <n>.req.<host>            a host's requests to the gateway (request/reply)
+//   <n>.host.<host>           replies routed to one host (history and finance under its own ids)
+//   <n>.l1.<M>.<code>         level-1 snapshots           (these five kept by
+//   <n>.l2.<slot>.<M>.<code>  level-2 records              JetStream in the
+//   <n>.mkt.<M>               whole-market packages        stream KQ_<n>)
+//   <n>.push.<slot>           replies nobody asked for
+//   <n>.status                the service's connection
+//   <n>.beat                  the gateway's heartbeat (instance, service state)
+//   <n>.alive.<host>          a host's heartbeat
+// A record longer than the servers' payload limit goes as chunks, each
+// "KQCK", u32 index, u32 count, then its piece of the record.
+#ifndef KELQUOTE_BUS_WIRE_H_
+#define KELQUOTE_BUS_WIRE_H_
+
+#include <nats/nats.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "capture/capture_file.h"
+
+namespace bus {
+
+struct Settings {
+  std::string urls = "nats://127.0.0.1:4222";
+  std::string user, password;
+  std::string creds;     // a NATS credentials file (user JWT and key seed)
+  std::string nkey_seed; // a file holding an NKey seed (with nkey_public)
+  std::string nkey_public;
+  std::string tls_ca, tls_cert, tls_key;
+  bool tls = false;
+  bool randomize = true;  // false: the servers in the order listed
+  std::string name = "kq";
+  int64_t since_ms = 0;  // catch up from this time (Unix ms) at each first subscribe; 0 none
+  int retention_hours = 24;
+  int replicas = 1;
+  int64_t max_bytes = int64_t{4} << 30;
+  int beat_ms = 250;
+  int dead_ms = 2000;
+  int request_timeout_ms = 5000;
+};
+
+// key = value lines ('#' comments); names as in Settings. False with error
+// naming the line for anything not understood; settings keeps what came before.
+bool read_settings_file(const std::string& path, Settings* settings, std::string* error);
+// KELQUOTE_BUS_URL, _USER, _PASSWORD, _CREDS, _NAME, _SINCE, _TLS_CA,
+// _TLS_CERT, _TLS_KEY; KELQUOTE_BUS_SETTINGS names a file read first.
+bool settings_from_environment(Settings* settings, std::string* error);
+
+// Connects with the settings: every server in the list, reconnecting
+// without end. Null with error on failure.
+struct Handlers {
+  natsConnectionHandler disconnected = nullptr, reconnected = nullptr;
+  natsErrHandler error = nullptr;
+  void* closure = nullptr;
+};
+natsConnection* connect(const Settings& settings, const std::string& client_name, const Handlers& handlers,
+                        std::string* error);
+
+// Unix nanoseconds, strictly increasing across the calls of the process: a
+// record's time on the bus, which orders and deduplicates it.
+uint64_t next_ns();
+
+// Encodes a record (head, then the parts) into out.
+void encode(capture::Kind kind, uint8_t code, uint64_t ns, const void* a, size_t a_size, const void* b, size_t b_size,
+            const void* c, size_t c_size, std::vector<uint8_t>* out);
+
+struct View {
+  capture::Kind kind;
+  uint8_t code;
+  uint64_t ns;
+  const uint8_t* payload;
+  size_t size;
+};
+// Checks a whole record's head: false with why for anything else. A
+// callback's payload must be exactly what its count calls for.
+bool decode(const uint8_t* data, size_t size, View* view, std::string* why);
+
+// Publishes bytes on subject, in chunks when beyond the connection's limit.
+natsStatus publish(natsConnection* nc, const char* subject, const uint8_t* data, size_t size);
+
+// Puts chunks of one subject back together.
+class Assembly {
+ public:
+  // A whole record in *data/*size (valid until the next feed), or false
+  // while chunks are missing or after a broken sequence (why set).
+  bool feed(const uint8_t* data, size_t size, const uint8_t** out, size_t* out_size, std::string* why);
+
+ private:
+  std::vector<uint8_t> buf_;
+  uint32_t next_ = 0, count_ = 0;
+};
+
+// Subject tokens: the market name, and the code with every character
+// outside [A-Za-z0-9_-] written as ~HH.
+std::string code_token(const char* code, size_t max);
+// The stream subject of a callback record, empty when it has none.
+std::string stream_subject(const std::string& name, int slot, const uint8_t* bytes, size_t size);
+std::string l1_subject(const std::string& name, int market, const char* code, size_t max);
+std::string l2_pattern(const std::string& name, int market, const char* code, size_t max);
+std::string market_subject(const std::string& name, int market);
+
+// A log line on standard error, at most once a second per site beyond the first few.
+void log_line(const char* who, const std::string& text);
+
+}  // namespace bus
+
+#endif  // KELQUOTE_BUS_WIRE_H_

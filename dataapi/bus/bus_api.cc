@@ -1,0 +1,510 @@
+#include "dataapi/bus/bus_api.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <random>
+
+#include "capture/catalog.h"
+
+namespace busapi {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+}
+
+// Stored records are looked up from a little before the time asked: the
+// servers stamp them by their own clocks.
+constexpr uint64_t kClockSlackNs = 2000000000ull;
+// Live records held while a catch-up runs, at most.
+constexpr size_t kMaxPending = 1 << 20;
+
+}  // namespace
+
+BusApi::~BusApi() { teardown(); }
+
+void BusApi::use_settings(const bus::Settings& settings) {
+  settings_ = settings;
+  have_settings_ = true;
+}
+
+BusStats BusApi::stats() const {
+  return BusStats{delivered_.load(), caught_up_.load(), duplicates_.load(), refused_.load(), restores_.load()};
+}
+
+int BusApi::RegisterServer(const ServerTable*, CDataApiCallBack* callback) {
+  callback_.store(callback);
+  return 0;
+}
+
+int BusApi::Connect(ConnectResult* result) {
+  if (result != nullptr) *result = ConnectResult{-1, 0, 0};
+  std::string error;
+  if (!have_settings_) {
+    bus::Settings s;
+    if (!bus::settings_from_environment(&s, &error)) {
+      bus::log_line("bus", error + "; the connect fails");
+      return -1;
+    }
+    settings_ = s;
+  }
+  if (nc_ == nullptr) {
+    if (monitor_.joinable()) monitor_.join();  // ended by the last release
+    bus::Handlers h;
+    h.reconnected = &BusApi::OnReconnected;
+    h.error = &BusApi::OnError;
+    h.closure = this;
+    nc_ = bus::connect(settings_, "kelquote_host", h, &error);
+    if (nc_ == nullptr) {
+      bus::log_line("bus", error);
+      return -1;
+    }
+    std::random_device rd;
+    char id[40];
+    std::snprintf(id, sizeof(id), "%08x%08x%08x%08x", rd(), rd(), rd(), rd());
+    host_ = id;
+    const std::string& n = settings_.name;
+    for (const std::string& subject : {n + ".host." + host_, n + ".push.>", n + ".status", n + ".beat"}) {
+      auto fixed = std::make_unique<Fixed>();
+      fixed->api = this;
+      natsStatus st = natsConnection_Subscribe(&fixed->sub, nc_, subject.c_str(),
+                                               subject == n + ".beat" ? &BusApi::OnBeat : &BusApi::OnFixed,
+                                               fixed.get());
+      if (st == NATS_OK) natsSubscription_SetPendingLimits(fixed->sub, -1, 1 << 30);
+      fixed_.push_back(std::move(fixed));
+    }
+    natsConnection_Flush(nc_);
+  }
+  std::vector<uint8_t> filled;
+  int rc = request(capture::kConnect, nullptr, 0, &filled);
+  if (result != nullptr && rc == 0) *result = ConnectResult{0, 0, 0};
+  if (result != nullptr && filled.size() == sizeof(ConnectResult)) std::memcpy(result, filled.data(), filled.size());
+  if (rc != 0) return rc < 0 ? -1 : rc;
+  beat_at_ms_.store(NowMs());
+  {
+    std::lock_guard<std::mutex> lock(monitor_mu_);
+    stopping_ = false;
+  }
+  if (!monitor_.joinable()) monitor_ = std::thread([this] { monitor(); });
+  return 0;
+}
+
+int BusApi::request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled) {
+  if (nc_ == nullptr) return -1;
+  uint32_t number = number_.fetch_add(1);
+  std::vector<uint8_t> out;
+  bus::encode(capture::Kind::kRequest, op, bus::next_ns(), &number, 4, bytes, size, nullptr, 0, &out);
+  natsMsg* reply = nullptr;
+  std::string subject = settings_.name + ".req." + host_;
+  natsStatus st = natsConnection_Request(&reply, nc_, subject.c_str(), out.data(), static_cast<int>(out.size()),
+                                         settings_.request_timeout_ms);
+  if (st != NATS_OK) {
+    bus::log_line("bus", std::string(capture::op_name(op)) + ": no answer from the gateway (" + natsStatus_GetText(st) + ")");
+    return -1;
+  }
+  bus::View v;
+  std::string why;
+  int32_t rc = -1;
+  if (!bus::decode(reinterpret_cast<const uint8_t*>(natsMsg_GetData(reply)), static_cast<size_t>(natsMsg_GetDataLength(reply)),
+                   &v, &why) ||
+      v.kind != capture::Kind::kResult || v.code != op) {
+    refused_.fetch_add(1);
+    bus::log_line("bus", std::string(capture::op_name(op)) + ": the gateway's answer is refused: " +
+                             (why.empty() ? "not its result" : why));
+  } else {
+    std::memcpy(&rc, v.payload + 4, 4);
+    if (filled != nullptr) filled->assign(v.payload + 8, v.payload + v.size);
+  }
+  natsMsg_Destroy(reply);
+  return rc;
+}
+
+BusApi::Stream* BusApi::open_stream(const std::string& subject, bool* fresh) {
+  auto it = streams_.find(subject);
+  *fresh = it == streams_.end();
+  if (!*fresh) return it->second.get();
+  auto s = std::make_unique<Stream>();
+  s->api = this;
+  s->subject = subject;
+  // A first subscribe with a time set starts from that time.
+  if (settings_.since_ms > 0) {
+    s->last_ns = static_cast<uint64_t>(settings_.since_ms) * 1000000ull;
+    s->catching = true;
+  }
+  if (natsConnection_Subscribe(&s->sub, nc_, subject.c_str(), &BusApi::OnStream, s.get()) == NATS_OK) {
+    // A slow host is the server's and the client's problem no more than
+    // this: past these limits it drops, hears of it, and fetches the gap.
+    natsSubscription_SetPendingLimits(s->sub, 4 << 20, 1 << 30);
+  }
+  Stream* raw = s.get();
+  streams_.emplace(subject, std::move(s));
+  return raw;
+}
+
+void BusApi::close_stream(const std::string& subject) {
+  auto it = streams_.find(subject);
+  if (it == streams_.end()) return;
+  if (it->second->sub != nullptr) natsSubscription_Unsubscribe(it->second->sub);
+  retired_.push_back(std::move(it->second));
+  streams_.erase(it);
+}
+
+int BusApi::subscribe(uint8_t op, const ApiCodeItem* items, int32_t count) {
+  if (items == nullptr || count <= 0 || nc_ == nullptr) return -1;
+  bool add = op == 7 || op == 9;
+  bool level1 = op == 7 || op == 8;
+  std::vector<Stream*> fresh_streams;
+  std::vector<std::string> subjects;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (int32_t i = 0; i < count; ++i) {
+      const ApiCodeItem& item = items[i];
+      std::string subject = level1 ? bus::l1_subject(settings_.name, item.market, item.code, sizeof(item.code))
+                                   : bus::l2_pattern(settings_.name, item.market, item.code, sizeof(item.code));
+      subjects.push_back(subject);
+      if (!add) continue;
+      bool fresh = false;
+      Stream* s = open_stream(subject, &fresh);
+      if (fresh) fresh_streams.push_back(s);
+      (level1 ? l1_ : l2_)[subject] = item;
+    }
+  }
+  if (add) natsConnection_Flush(nc_);
+  int rc = request(op, items, sizeof(ApiCodeItem) * static_cast<size_t>(count));
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!add || rc < 0) {
+    for (const auto& subject : subjects) {
+      if (!add || std::find_if(fresh_streams.begin(), fresh_streams.end(),
+                               [&](Stream* s) { return s->subject == subject; }) != fresh_streams.end()) {
+        close_stream(subject);
+        (level1 ? l1_ : l2_).erase(subject);
+      }
+    }
+    return rc;
+  }
+  std::vector<Stream*> catching;
+  for (Stream* s : fresh_streams) {
+    if (s->catching) catching.push_back(s);
+  }
+  if (!catching.empty()) {
+    mu_.unlock();
+    catch_up(catching);
+    mu_.lock();
+  }
+  return rc;
+}
+
+int BusApi::subscribe_market(uint8_t op, const ApiMarketItem* item) {
+  if (item == nullptr || nc_ == nullptr) return -1;
+  std::string subject = bus::market_subject(settings_.name, item->market);
+  bool add = op == 54;
+  Stream* s = nullptr;
+  bool fresh = false;
+  if (add) {
+    std::lock_guard<std::mutex> lock(mu_);
+    s = open_stream(subject, &fresh);
+    markets_[item->market] = *item;
+  }
+  if (add) natsConnection_Flush(nc_);
+  int rc = request(op, item, sizeof(*item));
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!add || (rc < 0 && fresh)) {
+      close_stream(subject);
+      markets_.erase(item->market);
+      return rc;
+    }
+  }
+  if (fresh && s->catching) catch_up({s});
+  return rc;
+}
+
+bool BusApi::fetch(const std::string& subject, uint64_t since,
+                   std::vector<std::pair<uint64_t, std::vector<uint8_t>>>* out) {
+  jsCtx* js = nullptr;
+  if (natsConnection_JetStream(&js, nc_, nullptr) != NATS_OK) return false;
+  jsSubOptions so;
+  jsSubOptions_Init(&so);
+  so.Ordered = true;
+  so.Config.DeliverPolicy = js_DeliverByStartTime;
+  so.Config.OptStartTime = static_cast<int64_t>(since > kClockSlackNs ? since - kClockSlackNs : 1);
+  natsSubscription* sub = nullptr;
+  jsErrCode code = static_cast<jsErrCode>(0);
+  natsStatus st = js_SubscribeSync(&sub, js, subject.c_str(), nullptr, &so, &code);
+  bool ok = st == NATS_OK;
+  if (!ok) bus::log_line("bus", "cannot read the stream of " + subject + ": " + natsStatus_GetText(st));
+  bus::Assembly assembly;
+  // Bounded: a day of one instrument is far below this.
+  for (int i = 0; ok && i < 50000000; ++i) {
+    natsMsg* msg = nullptr;
+    if (natsSubscription_NextMsg(&msg, sub, 1000) != NATS_OK) break;  // nothing stored after the time
+    jsMsgMetaData* meta = nullptr;
+    uint64_t pending = 1;
+    if (natsMsg_GetMetaData(&meta, msg) == NATS_OK) {
+      pending = meta->NumPending;
+      jsMsgMetaData_Destroy(meta);
+    }
+    const uint8_t* whole = nullptr;
+    size_t whole_size = 0;
+    std::string why;
+    bus::View v;
+    if (assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
+                      &whole, &whole_size, &why)) {
+      if (bus::decode(whole, whole_size, &v, &why) && v.kind == capture::Kind::kCallback) {
+        if (v.ns > since) out->emplace_back(v.ns, std::vector<uint8_t>(whole, whole + whole_size));
+      } else {
+        refused_.fetch_add(1);
+        bus::log_line("bus", "stored message on " + subject + " refused: " + why);
+      }
+    }
+    natsMsg_Destroy(msg);
+    if (pending == 0) break;
+  }
+  natsSubscription_Destroy(sub);
+  jsCtx_Destroy(js);
+  return ok;
+}
+
+void BusApi::catch_up(std::vector<Stream*> streams) {
+  std::vector<std::pair<uint64_t, std::vector<uint8_t>>> records;
+  std::map<const std::vector<uint8_t>*, Stream*> owner;
+  std::vector<size_t> ends;
+  for (Stream* s : streams) {
+    uint64_t since;
+    {
+      std::lock_guard<std::mutex> lock(s->mu);
+      s->catching = true;
+      since = s->last_ns;
+    }
+    if (since != 0) fetch(s->subject, since, &records);
+    ends.push_back(records.size());
+  }
+  // Which stream each record belongs to, then all in time order.
+  std::vector<std::pair<uint64_t, std::pair<Stream*, std::vector<uint8_t>*>>> order;
+  for (size_t i = 0, k = 0; i < records.size(); ++i) {
+    while (k < ends.size() && i >= ends[k]) ++k;
+    order.push_back({records[i].first, {streams[k], &records[i].second}});
+  }
+  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (auto& [ns, where] : order) {
+    Stream* s = where.first;
+    bus::View v;
+    std::string why;
+    bus::decode(where.second->data(), where.second->size(), &v, &why);
+    std::lock_guard<std::mutex> lock(s->mu);
+    if (ns <= s->last_ns) {
+      duplicates_.fetch_add(1);
+      continue;
+    }
+    deliver(v);
+    caught_up_.fetch_add(1);
+    s->last_ns = ns;
+  }
+  for (Stream* s : streams) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    for (const auto& bytes : s->pending) {
+      bus::View v;
+      std::string why;
+      bus::decode(bytes.data(), bytes.size(), &v, &why);
+      if (v.ns <= s->last_ns) {
+        duplicates_.fetch_add(1);
+        continue;
+      }
+      deliver(v);
+      s->last_ns = v.ns;
+    }
+    s->pending.clear();
+    s->catching = false;
+  }
+}
+
+void BusApi::deliver(const bus::View& v) {
+  CDataApiCallBack* cb = callback_.load();
+  if (cb == nullptr) return;
+  delivered_.fetch_add(1, std::memory_order_relaxed);
+  if (v.code == capture::kConnectStatusSlot) {
+    int32_t both[2];
+    std::memcpy(both, v.payload, sizeof(both));
+    cb->OnConnectStatus(both[0], both[1]);
+    return;
+  }
+  capture::Callback fn = capture::slot_callback(v.code);
+  // The library refuses a record while its queue is full; a vendor sends
+  // it again, so does the bus, for a while.
+  for (int attempt = 0; attempt < 200 && (cb->*fn)(v.payload) != 0; ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+void BusApi::OnStream(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+  auto* s = static_cast<Stream*>(closure);
+  BusApi* api = s->api;
+  {
+    std::lock_guard<std::mutex> lock(s->mu);
+    const uint8_t* whole = nullptr;
+    size_t size = 0;
+    std::string why;
+    bus::View v;
+    if (s->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
+                         &whole, &size, &why)) {
+      if (!bus::decode(whole, size, &v, &why) || v.kind != capture::Kind::kCallback) {
+        api->refused_.fetch_add(1);
+        bus::log_line("bus", "message on " + s->subject + " refused: " + (why.empty() ? "not a callback" : why));
+      } else if (s->catching) {
+        if (s->pending.size() < kMaxPending) s->pending.emplace_back(whole, whole + size);
+      } else if (v.ns <= s->last_ns) {
+        api->duplicates_.fetch_add(1, std::memory_order_relaxed);
+      } else {
+        api->deliver(v);
+        s->last_ns = v.ns;
+      }
+    } else if (!why.empty()) {
+      api->refused_.fetch_add(1);
+      bus::log_line("bus", "message on " + s->subject + " refused: " + why);
+    }
+  }
+  natsMsg_Destroy(msg);
+}
+
+void BusApi::OnFixed(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+  auto* f = static_cast<Fixed*>(closure);
+  const uint8_t* whole = nullptr;
+  size_t size = 0;
+  std::string why;
+  bus::View v;
+  if (f->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
+                       &whole, &size, &why)) {
+    if (bus::decode(whole, size, &v, &why) && v.kind == capture::Kind::kCallback) {
+      f->api->deliver(v);
+    } else {
+      f->api->refused_.fetch_add(1);
+      bus::log_line("bus", std::string("message on ") + natsMsg_GetSubject(msg) + " refused: " +
+                               (why.empty() ? "not a callback" : why));
+    }
+  }
+  natsMsg_Destroy(msg);
+}
+
+void BusApi::OnBeat(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+  auto* f = static_cast<Fixed*>(closure);
+  if (natsMsg_GetDataLength(msg) == 12) {
+    uint64_t instance;
+    std::memcpy(&instance, natsMsg_GetData(msg), 8);
+    // The first gateway heard is the one this host knows.
+    uint64_t expected = 0;
+    f->api->instance_.compare_exchange_strong(expected, instance);
+    if (f->api->instance_.load() == instance) f->api->beat_at_ms_.store(NowMs());
+    else f->api->beat_at_ms_.store(-NowMs());  // another gateway: this one restarted
+  }
+  natsMsg_Destroy(msg);
+}
+
+void BusApi::OnReconnected(natsConnection*, void* closure) {
+  // Another server now: what was on the way may be gone; the stream has it.
+  static_cast<BusApi*>(closure)->catch_up_all_.store(true);
+  static_cast<BusApi*>(closure)->monitor_cv_.notify_all();
+}
+
+void BusApi::OnError(natsConnection*, natsSubscription*, natsStatus err, void* closure) {
+  if (err == NATS_SLOW_CONSUMER) {
+    bus::log_line("bus", "the host fell behind and messages were dropped; fetching them from the stream");
+    static_cast<BusApi*>(closure)->catch_up_all_.store(true);
+  }
+}
+
+bool BusApi::restore() {
+  if (request(capture::kConnect, nullptr, 0) != 0) return false;
+  std::vector<ApiCodeItem> l1, l2;
+  std::vector<ApiMarketItem> markets;
+  std::vector<Stream*> all;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const auto& [subject, item] : l1_) l1.push_back(item);
+    for (const auto& [subject, item] : l2_) l2.push_back(item);
+    for (const auto& [market, item] : markets_) markets.push_back(item);
+    for (const auto& [subject, s] : streams_) all.push_back(s.get());
+  }
+  if (!l1.empty()) request(7, l1.data(), l1.size() * sizeof(ApiCodeItem));
+  if (!l2.empty()) request(9, l2.data(), l2.size() * sizeof(ApiCodeItem));
+  for (const auto& m : markets) request(54, &m, sizeof(m));
+  catch_up(all);
+  return true;
+}
+
+void BusApi::monitor() {
+  bool up = true;
+  std::string alive = settings_.name + ".alive." + host_;
+  std::unique_lock<std::mutex> lock(monitor_mu_);
+  while (!stopping_) {
+    lock.unlock();
+    natsConnection_Publish(nc_, alive.c_str(), "", 0);
+    int64_t beat = beat_at_ms_.load();
+    bool restarted = beat < 0;
+    bool silent = !restarted && NowMs() - beat > settings_.dead_ms;
+    CDataApiCallBack* cb = callback_.load();
+    if (up && (silent || restarted)) {
+      up = false;
+      bus::log_line("bus", restarted ? "the gateway restarted" : "the gateway went silent");
+      if (cb != nullptr) cb->OnConnectStatus(0, 0);
+    }
+    if (restarted) {
+      instance_.store(0);  // the next beat names the new gateway
+      beat_at_ms_.store(0);
+    } else if (!up && !silent && beat > 0 && restore()) {
+      up = true;
+      restores_.fetch_add(1);
+      bus::log_line("bus", "the gateway is back; subscriptions made again");
+      if (cb != nullptr) cb->OnConnectStatus(0, 1);
+    } else if (up && catch_up_all_.exchange(false)) {
+      std::vector<Stream*> all;
+      {
+        std::lock_guard<std::mutex> streams_lock(mu_);
+        for (const auto& [subject, s] : streams_) all.push_back(s.get());
+      }
+      catch_up(all);
+    }
+    lock.lock();
+    monitor_cv_.wait_for(lock, std::chrono::milliseconds(settings_.beat_ms), [this] { return stopping_; });
+  }
+}
+
+void BusApi::teardown() {
+  {
+    std::lock_guard<std::mutex> lock(monitor_mu_);
+    stopping_ = true;
+  }
+  monitor_cv_.notify_all();
+  if (monitor_.joinable() && monitor_.get_id() != std::this_thread::get_id()) monitor_.join();
+  if (nc_ != nullptr) {
+    natsConnection_Close(nc_);
+    for (auto& f : fixed_) natsSubscription_Destroy(f->sub);
+    std::lock_guard<std::mutex> lock(mu_);
+    for (auto& [subject, s] : streams_) natsSubscription_Destroy(s->sub);
+    for (auto& s : retired_) natsSubscription_Destroy(s->sub);
+    natsConnection_Destroy(nc_);
+    nc_ = nullptr;
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  fixed_.clear();
+  streams_.clear();
+  retired_.clear();
+  l1_.clear();
+  l2_.clear();
+  markets_.clear();
+  instance_.store(0);
+}
+
+int BusApi::Release() {
+  int rc = nc_ != nullptr ? request(capture::kRelease, nullptr, 0) : 0;
+  // The library releases from inside a callback (the service closing the
+  // session) as well: the monitor thread ends on its own then.
+  teardown();
+  return rc < 0 ? 0 : rc;
+}
+
+}  // namespace busapi
