@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <set>
 
 #include "capture/catalog.h"
 
@@ -235,7 +236,14 @@ bool BusApi::fetch(const std::string& subject, uint64_t since,
   so.Config.OptStartTime = static_cast<int64_t>(since > kClockSlackNs ? since - kClockSlackNs : 1);
   natsSubscription* sub = nullptr;
   jsErrCode code = static_cast<jsErrCode>(0);
-  natsStatus st = js_SubscribeSync(&sub, js, subject.c_str(), nullptr, &so, &code);
+  natsStatus st = NATS_OK;
+  // Right after a server of a cluster died the stream may be electing its
+  // leader: a few tries, a moment apart.
+  for (int attempt = 0; attempt < 6; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    st = js_SubscribeSync(&sub, js, subject.c_str(), nullptr, &so, &code);
+    if (st == NATS_OK) break;
+  }
   bool ok = st == NATS_OK;
   if (!ok) bus::log_line("bus", "cannot read the stream of " + subject + ": " + natsStatus_GetText(st));
   bus::Assembly assembly;
@@ -301,9 +309,8 @@ void BusApi::catch_up(std::vector<Stream*> streams) {
       duplicates_.fetch_add(1);
       continue;
     }
-    deliver(v);
+    deliver_stream(s, v);
     caught_up_.fetch_add(1);
-    s->last_ns = ns;
   }
   for (Stream* s : streams) {
     std::lock_guard<std::mutex> lock(s->mu);
@@ -315,12 +322,45 @@ void BusApi::catch_up(std::vector<Stream*> streams) {
         duplicates_.fetch_add(1);
         continue;
       }
-      deliver(v);
-      s->last_ns = v.ns;
+      deliver_stream(s, v);
     }
     s->pending.clear();
     s->catching = false;
   }
+}
+
+void BusApi::deliver_stream(Stream* s, const bus::View& v) {
+  deliver(v);
+  s->last_ns = v.ns;
+  if (s->count++ == 0) s->first_ns = v.ns;
+}
+
+int64_t BusApi::verify() {
+  std::vector<Stream*> all;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const auto& [subject, s] : streams_) all.push_back(s.get());
+  }
+  int64_t missing = 0;
+  for (Stream* s : all) {
+    uint64_t first, last;
+    int64_t count;
+    {
+      std::lock_guard<std::mutex> lock(s->mu);
+      first = s->first_ns;
+      last = s->last_ns;
+      count = s->count;
+    }
+    if (count == 0) continue;
+    std::vector<std::pair<uint64_t, std::vector<uint8_t>>> stored;
+    if (!fetch(s->subject, first - 1, &stored)) return -1;
+    std::set<uint64_t> times;
+    for (const auto& r : stored) {
+      if (r.first <= last) times.insert(r.first);
+    }
+    if (static_cast<int64_t>(times.size()) > count) missing += static_cast<int64_t>(times.size()) - count;
+  }
+  return missing;
 }
 
 void BusApi::deliver(const bus::View& v) {
@@ -360,8 +400,7 @@ void BusApi::OnStream(natsConnection*, natsSubscription*, natsMsg* msg, void* cl
       } else if (v.ns <= s->last_ns) {
         api->duplicates_.fetch_add(1, std::memory_order_relaxed);
       } else {
-        api->deliver(v);
-        s->last_ns = v.ns;
+        api->deliver_stream(s, v);
       }
     } else if (!why.empty()) {
       api->refused_.fetch_add(1);
@@ -432,6 +471,11 @@ bool BusApi::restore() {
   if (!l1.empty()) request(7, l1.data(), l1.size() * sizeof(ApiCodeItem));
   if (!l2.empty()) request(9, l2.data(), l2.size() * sizeof(ApiCodeItem));
   for (const auto& m : markets) request(54, &m, sizeof(m));
+  // As from the vendor: the report first, then what the streams bring,
+  // the records held since the loss after what the stream kept.
+  restores_.fetch_add(1);
+  bus::log_line("bus", "the gateway is back; subscriptions made again");
+  if (CDataApiCallBack* cb = callback_.load()) cb->OnConnectStatus(0, 1);
   catch_up(all);
   return true;
 }
@@ -451,15 +495,18 @@ void BusApi::monitor() {
       up = false;
       bus::log_line("bus", restarted ? "the gateway restarted" : "the gateway went silent");
       if (cb != nullptr) cb->OnConnectStatus(0, 0);
+      // Held from now until the connection is reported restored.
+      std::lock_guard<std::mutex> streams_lock(mu_);
+      for (const auto& [subject, s] : streams_) {
+        std::lock_guard<std::mutex> stream_lock(s->mu);
+        s->catching = true;
+      }
     }
     if (restarted) {
       instance_.store(0);  // the next beat names the new gateway
       beat_at_ms_.store(0);
     } else if (!up && !silent && beat > 0 && restore()) {
       up = true;
-      restores_.fetch_add(1);
-      bus::log_line("bus", "the gateway is back; subscriptions made again");
-      if (cb != nullptr) cb->OnConnectStatus(0, 1);
     } else if (up && catch_up_all_.exchange(false)) {
       std::vector<Stream*> all;
       {

@@ -45,6 +45,10 @@ class BusApi final : public CDataApi {
   // Settings other than the environment's (tests); used by the next Connect.
   void use_settings(const bus::Settings& settings);
   BusStats stats() const;
+  // Compares what each subscribed subject handed on with what the stream
+  // holds over the same span: the records the host missed (a check for
+  // tests; it reads the stream again), or -1 when a stream cannot be read.
+  int64_t verify();
 
   const char* GetVersion() override { return "kelquote bus service 1.0"; }
   int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) override;
@@ -93,6 +97,8 @@ class BusApi final : public CDataApi {
     natsSubscription* sub = nullptr;
     std::mutex mu;
     uint64_t last_ns = 0;
+    uint64_t first_ns = 0;  // of the first record handed on
+    int64_t count = 0;      // records handed on
     bool catching = false;
     std::vector<std::vector<uint8_t>> pending;  // live records held while catching up
     bus::Assembly assembly;
@@ -116,6 +122,8 @@ class BusApi final : public CDataApi {
   void catch_up(std::vector<Stream*> streams);
   bool fetch(const std::string& subject, uint64_t since, std::vector<std::pair<uint64_t, std::vector<uint8_t>>>* out);
   void deliver(const bus::View& v);
+  // Callers hold s->mu: hands a stream's record on and counts it.
+  void deliver_stream(Stream* s, const bus::View& v);
   void monitor();
   bool restore();
   void teardown();

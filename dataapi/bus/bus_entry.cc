@@ -27,3 +27,5 @@ extern "C" DATAAPI_API void KqBusStats(int64_t out[5]) {
   out[3] = s.refused;
   out[4] = s.restores;
 }
+
+extern "C" DATAAPI_API int64_t KqBusVerify() { return Instance()->verify(); }
