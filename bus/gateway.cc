@@ -1,5 +1,6 @@
 #include "bus/gateway.h"
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -129,6 +130,11 @@ bool Gateway::start(std::string* error) {
     stop();
     return false;
   }
+  {
+    std::lock_guard<std::mutex> lock(out_mu_);
+    out_stop_ = false;
+  }
+  publisher_ = std::thread([this] { publish_loop(); });
   beat_ = std::thread([this] { beat_loop(); });
   log_line("gateway", "serving bus \"" + n + "\" on " + settings_.urls);
   return true;
@@ -141,6 +147,12 @@ void Gateway::stop() {
   }
   beat_cv_.notify_all();
   if (beat_.joinable()) beat_.join();
+  {
+    std::lock_guard<std::mutex> lock(out_mu_);
+    out_stop_ = true;
+  }
+  out_cv_.notify_all();
+  if (publisher_.joinable()) publisher_.join();
   if (req_sub_ != nullptr) natsSubscription_Unsubscribe(req_sub_);
   if (alive_sub_ != nullptr) natsSubscription_Unsubscribe(alive_sub_);
   natsSubscription_Destroy(req_sub_);
@@ -173,8 +185,7 @@ int Gateway::on_record(int slot, const void* record) {
   encode(capture::Kind::kCallback, static_cast<uint8_t>(slot), next_ns(), bytes, size, nullptr, 0, nullptr, 0, &encoded);
   std::string subject = stream_subject(settings_.name, slot, bytes, size);
   if (!subject.empty()) {
-    publish(nc_, subject.c_str(), encoded.data(), encoded.size());
-    published_.fetch_add(1, std::memory_order_relaxed);
+    enqueue(subject, encoded.data(), encoded.size());
     return 0;
   }
   if (slot >= 22 && slot <= 26) {
@@ -184,6 +195,64 @@ int Gateway::on_record(int slot, const void* record) {
   }
   route(slot, bytes, size, encoded);
   return 0;
+}
+
+void Gateway::enqueue(const std::string& subject, const uint8_t* data, size_t size) {
+  uint16_t subject_size = static_cast<uint16_t>(std::min<size_t>(subject.size(), 65535));
+  uint32_t message_size = static_cast<uint32_t>(size);
+  bool wake;
+  {
+    std::lock_guard<std::mutex> lock(out_mu_);
+    if (out_.size() + size > kMaxQueued) {
+      ++dropped_;
+      auto now = Clock::now();
+      if (now - drop_told_at_ > std::chrono::seconds(1)) {
+        log_line("gateway", "publish queue full, " + std::to_string(dropped_ - dropped_told_) + " messages dropped (" +
+                                std::to_string(dropped_) + " in all)");
+        dropped_told_ = dropped_;
+        drop_told_at_ = now;
+      }
+      return;
+    }
+    size_t at = out_.size();
+    out_.resize(at + 2 + subject_size + 4 + size);
+    uint8_t* p = out_.data() + at;
+    std::memcpy(p, &subject_size, 2);
+    std::memcpy(p + 2, subject.data(), subject_size);
+    std::memcpy(p + 2 + subject_size, &message_size, 4);
+    std::memcpy(p + 6 + subject_size, data, size);
+    wake = out_waiting_;
+  }
+  if (wake) out_cv_.notify_one();
+}
+
+void Gateway::publish_loop() {
+  std::vector<uint8_t> batch;
+  std::string subject;
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(out_mu_);
+      if (out_.empty() && !out_stop_) {
+        out_waiting_ = true;
+        out_cv_.wait(lock, [this] { return !out_.empty() || out_stop_; });
+        out_waiting_ = false;
+      }
+      if (out_.empty() && out_stop_) return;
+      batch.swap(out_);
+    }
+    for (size_t at = 0; at + 6 <= batch.size();) {
+      uint16_t subject_size;
+      uint32_t size;
+      std::memcpy(&subject_size, batch.data() + at, 2);
+      subject.assign(reinterpret_cast<const char*>(batch.data() + at + 2), subject_size);
+      std::memcpy(&size, batch.data() + at + 2 + subject_size, 4);
+      publish(nc_, subject.c_str(), batch.data() + at + 6 + subject_size, size);
+      published_.fetch_add(1, std::memory_order_relaxed);
+      at += 6 + subject_size + size;
+    }
+    batch.clear();
+    if (batch.capacity() > (size_t{8} << 20)) batch.shrink_to_fit();
+  }
 }
 
 void Gateway::route(int slot, const uint8_t* bytes, size_t size, const std::vector<uint8_t>& encoded) {
@@ -230,10 +299,7 @@ void Gateway::route(int slot, const uint8_t* bytes, size_t size, const std::vect
   // A reply nobody waits for is the service's own news (a market changed):
   // every host hears it.
   if (broadcast) out.emplace_back(settings_.name + ".push." + std::to_string(slot), encoded);
-  for (const auto& [subject, record] : out) {
-    publish(nc_, subject.c_str(), record.data(), record.size());
-    published_.fetch_add(1, std::memory_order_relaxed);
-  }
+  for (const auto& [subject, record] : out) enqueue(subject, record.data(), record.size());
 }
 
 int Gateway::OnConnectStatus(int server, int status) {
@@ -243,7 +309,7 @@ int Gateway::OnConnectStatus(int server, int status) {
   std::vector<uint8_t> encoded;
   encode(capture::Kind::kCallback, capture::kConnectStatusSlot, next_ns(), both, sizeof(both), nullptr, 0, nullptr, 0,
          &encoded);
-  if (nc_ != nullptr) publish(nc_, (settings_.name + ".status").c_str(), encoded.data(), encoded.size());
+  if (nc_ != nullptr) enqueue(settings_.name + ".status", encoded.data(), encoded.size());
   log_line("gateway", "service connection " + std::to_string(server) + ": " +
                           (status == 0 ? "lost" : status == 1 ? "restored" : "failed"));
   return 0;
@@ -499,7 +565,8 @@ int Gateway::call(uint8_t op, const uint8_t* bytes, size_t size) {
 
 void Gateway::drop_host(const std::string& host, const char* why) {
   if (hosts_.erase(host) == 0) return;
-  int told = 0;
+  std::vector<ApiCodeItem> l1, l2;
+  std::vector<ApiMarketItem> markets;
   for (auto it = subs_.begin(); it != subs_.end();) {
     if (it->second.erase(host) == 0 || !it->second.empty()) {
       ++it;
@@ -507,18 +574,25 @@ void Gateway::drop_host(const std::string& host, const char* why) {
     }
     const Key& key = it->first;
     if (key.level == 3) {
-      ApiMarketItem item{static_cast<uint16_t>(key.market), key.market};
-      api_->UnsubscribeMarketPush(&item);
+      markets.push_back(ApiMarketItem{static_cast<uint16_t>(key.market), key.market});
     } else {
       ApiCodeItem item{};
       std::memcpy(item.code, key.code.data(), std::min(key.code.size(), sizeof(item.code) - 1));
       item.market = static_cast<uint8_t>(key.market);
-      int rc = key.level == 1 ? api_->UnsubscribeL1(&item, 1) : api_->UnsubscribeL2(&item, 1);
-      log_line("gateway", "to the service: " + Describe(key.level == 1 ? 8 : 10, {item}, rc));
+      (key.level == 1 ? l1 : l2).push_back(item);
     }
-    ++told;
     it = subs_.erase(it);
   }
+  // The host's last instruments end at the service in one call per level.
+  if (!l1.empty()) {
+    int rc = api_->UnsubscribeL1(l1.data(), static_cast<int32_t>(l1.size()));
+    log_line("gateway", "to the service: " + Describe(8, l1, rc));
+  }
+  if (!l2.empty()) {
+    int rc = api_->UnsubscribeL2(l2.data(), static_cast<int32_t>(l2.size()));
+    log_line("gateway", "to the service: " + Describe(10, l2, rc));
+  }
+  for (const ApiMarketItem& m : markets) api_->UnsubscribeMarketPush(&m);
   {
     std::lock_guard<std::mutex> lock(route_mu_);
     for (Mapped& m : ids_) {
@@ -529,7 +603,7 @@ void Gateway::drop_host(const std::string& host, const char* why) {
       it = it->hosts.empty() ? asked_.erase(it) : it + 1;
     }
   }
-  log_line("gateway", "host " + host + " " + why + "; " + std::to_string(told) +
+  log_line("gateway", "host " + host + " " + why + "; " + std::to_string(l1.size() + l2.size() + markets.size()) +
                           " subscriptions ended with it at the service, " + std::to_string(hosts_.size()) +
                           " hosts remain");
 }

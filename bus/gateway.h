@@ -112,6 +112,12 @@ class Gateway final : public CDataApiCallBack {
   };
 
   int on_record(int slot, const void* record);
+  // Queues a message for the publisher thread: the service's thread never
+  // waits for the network. Beyond kMaxQueued bytes a message is dropped and
+  // counted (a line a second while drops last).
+  void enqueue(const std::string& subject, const uint8_t* data, size_t size);
+  void publish_loop();
+  static constexpr size_t kMaxQueued = size_t{256} << 20;
   void route(int slot, const uint8_t* bytes, size_t size, const std::vector<uint8_t>& encoded);
   static void OnRequest(natsConnection*, natsSubscription*, natsMsg* msg, void* self);
   static void OnAlive(natsConnection*, natsSubscription*, natsMsg* msg, void* self);
@@ -143,6 +149,14 @@ class Gateway final : public CDataApiCallBack {
   std::vector<Asked> asked_;
   std::vector<Mapped> ids_ = std::vector<Mapped>(65536);
   uint16_t next_id_ = 0;
+
+  std::mutex out_mu_;
+  std::condition_variable out_cv_;
+  std::vector<uint8_t> out_;  // u16 subject length, subject, u32 length, message; repeated
+  bool out_waiting_ = false, out_stop_ = false;
+  int64_t dropped_ = 0, dropped_told_ = 0;
+  std::chrono::steady_clock::time_point drop_told_at_{};
+  std::thread publisher_;
 
   std::mutex beat_mu_;
   std::condition_variable beat_cv_;

@@ -61,6 +61,8 @@ struct Handlers {
   natsConnectionHandler disconnected = nullptr, reconnected = nullptr;
   natsErrHandler error = nullptr;
   void* closure = nullptr;
+  // Subscriptions share the library's delivery threads instead of one each.
+  bool shared_delivery = false;
 };
 natsConnection* connect(const Settings& settings, const std::string& client_name, const Handlers& handlers,
                         std::string* error);

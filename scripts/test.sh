@@ -5,7 +5,7 @@
 #   KELQUOTE_FLAVOURS="release" scripts/test.sh   a subset (release, asan, tsan)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh nats-server libnats-dev  # the bus and its tests against real servers
 
 jobs=$(nproc 2>/dev/null || echo 2)
 flavours=${KELQUOTE_FLAVOURS:-"release asan tsan"}

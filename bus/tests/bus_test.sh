@@ -88,6 +88,7 @@ CONF
 
   start_gateway
   export KELQUOTE_BUS_URL=$urls
+  test_start=$(date +%s%3N)
   # Two hosts at once on the same instruments, one asking for bars.
   probe hostA --seconds 6 --codes SH:600000,SZ:000001 --min 20 --history &
   a=$!
@@ -112,8 +113,7 @@ CONF
   wait_line "$tmp/gateway.log" "silent, taken as dead; 1 subscriptions ended" || fail "the dead host was not noticed"
 
   # What a host missed since a time comes from the stream before the live records.
-  since=$(( $(date +%s%3N) - 8000 ))
-  KELQUOTE_BUS_SINCE=$since probe late --seconds 2 --codes SH:600000 --min 20 || fail "late host"
+  KELQUOTE_BUS_SINCE=$test_start probe late --seconds 2 --codes SH:600000 --min 20 || fail "late host"
   grep -Eq "caught up [1-9]" "$tmp/late.log" || fail "the late host caught nothing up"
 
   # A malformed request is refused with a line, the gateway goes on.

@@ -60,6 +60,9 @@ int BusApi::Connect(ConnectResult* result) {
     h.reconnected = &BusApi::OnReconnected;
     h.error = &BusApi::OnError;
     h.closure = this;
+    // One thread hands every subscribed subject's records to the library,
+    // as a vendor's thread would, however many instruments the host holds.
+    h.shared_delivery = true;
     nc_ = bus::connect(settings_, "kelquote_host", h, &error);
     if (nc_ == nullptr) {
       bus::log_line("bus", error);
