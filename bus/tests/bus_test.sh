@@ -9,6 +9,9 @@
 #       that asks for what it missed gets it from the stream; the gateway
 #       restarted: a host hears the connection lost and restored and keeps
 #       receiving; a malformed request is refused with a log line.
+#   bus_test.sh tls BIN          one server that asks for TLS with client
+#       certificates (a CA made here): a host with the CA and its certificate
+#       receives, one without them is refused.
 #   bus_test.sh failover BIN     a three-server cluster with the stream on
 #       three replicas; the server of the gateway and the hosts killed
 #       mid-session: the hosts keep receiving, in order, nothing twice.
@@ -192,5 +195,36 @@ CONF
   echo "failover: ok"
   exit 0
 fi
-echo "usage: bus_test.sh functional|failover BIN" >&2
+if [ "$mode" = tls ]; then
+  command -v openssl >/dev/null || "$src/scripts/install-deps.sh" openssl >/dev/null
+  cd "$tmp"
+  openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=kq-test-ca -keyout ca.key -out ca.pem 2>/dev/null
+  for who in server client; do
+    openssl req -newkey rsa:2048 -nodes -subj "/CN=$who" -keyout $who.key -out $who.csr 2>/dev/null
+    printf 'subjectAltName=IP:127.0.0.1\n' >$who.ext
+    openssl x509 -req -in $who.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 -extfile $who.ext \
+      -out $who.pem 2>/dev/null
+  done
+  cd - >/dev/null
+  port=$(free_port)
+  cat >"$tmp/server.conf" <<CONF
+listen: 127.0.0.1:$port
+jetstream { store_dir: "$tmp/js" }
+authorization { user: kq, password: "s3cret-$$" }
+tls { cert_file: "$tmp/server.pem", key_file: "$tmp/server.key", ca_file: "$tmp/ca.pem", verify: true }
+CONF
+  nats-server -c "$tmp/server.conf" >"$tmp/server.log" 2>&1 &
+  pids+=($!)
+  wait_port "$port" || fail "nats-server did not start"
+  urls=tls://127.0.0.1:$port
+  export KELQUOTE_BUS_URL=$urls
+  (cd "$tmp/run" && LD_LIBRARY_PATH="$bin/bus" "$bin/kelquote_bus_probe" --seconds 1) >"$tmp/plain.log" 2>&1 \
+    && fail "a host without TLS logged in"
+  export KELQUOTE_BUS_TLS_CA=$tmp/ca.pem KELQUOTE_BUS_TLS_CERT=$tmp/client.pem KELQUOTE_BUS_TLS_KEY=$tmp/client.key
+  start_gateway
+  probe host --seconds 2 --codes SH:600000 --min 20 || fail "host over TLS"
+  echo "tls: ok"
+  exit 0
+fi
+echo "usage: bus_test.sh functional|tls|failover BIN" >&2
 exit 2
