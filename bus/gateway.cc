@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <unordered_map>
 
 #include "capture/catalog.h"
 #include "capture/record_size.h"
@@ -91,7 +92,11 @@ void Gateway::set_connect_result(const ConnectResult& r) {
 }
 
 bool Gateway::start(std::string* error) {
-  nc_ = connect(settings_, "kelquote_gateway", Handlers{}, error);
+  Handlers handlers;
+  // The publisher thread packs what is queued per subject: a message goes
+  // out as soon as it is made.
+  handlers.send_asap = true;
+  nc_ = connect(settings_, "kelquote_gateway", handlers, error);
   if (nc_ == nullptr) return false;
   const std::string& n = settings_.name;
   // The stream keeps what hosts may ask for again; publishes go to it as
@@ -228,7 +233,18 @@ void Gateway::enqueue(const std::string& subject, const uint8_t* data, size_t si
 
 void Gateway::publish_loop() {
   std::vector<uint8_t> batch;
-  std::string subject;
+  // What is queued goes out per subject, its records back to back in one
+  // message (up to kPackBytes): a burst costs the servers and the hosts a
+  // message per subject and batch rather than one per record.
+  constexpr size_t kPackBytes = 64 << 10;
+  std::unordered_map<std::string, size_t> index;
+  std::vector<std::pair<std::string, std::vector<uint8_t>>> packs;
+  size_t used = 0;
+  auto flush = [&](std::pair<std::string, std::vector<uint8_t>>& pack) {
+    if (pack.second.empty()) return;
+    publish(nc_, pack.first.c_str(), pack.second.data(), pack.second.size());
+    pack.second.clear();
+  };
   for (;;) {
     {
       std::unique_lock<std::mutex> lock(out_mu_);
@@ -240,16 +256,31 @@ void Gateway::publish_loop() {
       if (out_.empty() && out_stop_) return;
       batch.swap(out_);
     }
+    index.clear();
+    used = 0;
+    int64_t records = 0;
     for (size_t at = 0; at + 6 <= batch.size();) {
       uint16_t subject_size;
       uint32_t size;
       std::memcpy(&subject_size, batch.data() + at, 2);
-      subject.assign(reinterpret_cast<const char*>(batch.data() + at + 2), subject_size);
+      std::string subject(reinterpret_cast<const char*>(batch.data() + at + 2), subject_size);
       std::memcpy(&size, batch.data() + at + 2 + subject_size, 4);
-      publish(nc_, subject.c_str(), batch.data() + at + 6 + subject_size, size);
-      published_.fetch_add(1, std::memory_order_relaxed);
+      const uint8_t* record = batch.data() + at + 6 + subject_size;
+      auto [it, fresh] = index.try_emplace(subject, used);
+      if (fresh) {
+        if (used == packs.size()) packs.emplace_back();
+        packs[used].first = subject;
+        packs[used].second.clear();
+        ++used;
+      }
+      auto& pack = packs[it->second];
+      if (!pack.second.empty() && pack.second.size() + size > kPackBytes) flush(pack);
+      pack.second.insert(pack.second.end(), record, record + size);
+      ++records;
       at += 6 + subject_size + size;
     }
+    for (size_t i = 0; i < used; ++i) flush(packs[i]);
+    published_.fetch_add(records, std::memory_order_relaxed);
     batch.clear();
     if (batch.capacity() > (size_t{8} << 20)) batch.shrink_to_fit();
   }

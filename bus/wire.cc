@@ -221,6 +221,7 @@ natsConnection* connect(const Settings& s, const std::string& client_name, const
   step(natsOptions_SetPingInterval(opts, 1000));
   step(natsOptions_SetMaxPingsOut(opts, 3));
   if (h.shared_delivery) step(natsOptions_UseGlobalMessageDelivery(opts, true));
+  if (h.send_asap) step(natsOptions_SetSendAsap(opts, true));
   if (h.disconnected != nullptr) step(natsOptions_SetDisconnectedCB(opts, h.disconnected, h.closure));
   if (h.reconnected != nullptr) step(natsOptions_SetReconnectedCB(opts, h.reconnected, h.closure));
   if (h.error != nullptr) step(natsOptions_SetErrorHandler(opts, h.error, h.closure));

@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,9 @@ struct Handlers {
   void* closure = nullptr;
   // Subscriptions share the library's delivery threads instead of one each.
   bool shared_delivery = false;
+  // Each publish goes out on the calling thread, not after the client's
+  // flusher thread has waited for more (about a millisecond).
+  bool send_asap = false;
 };
 natsConnection* connect(const Settings& settings, const std::string& client_name, const Handlers& handlers,
                         std::string* error);
@@ -85,6 +89,31 @@ struct View {
 // Checks a whole record's head: false with why for anything else. A
 // callback's payload must be exactly what its count calls for.
 bool decode(const uint8_t* data, size_t size, View* view, std::string* why);
+
+// Calls fn(view) for each whole record of a message (a message holds one or
+// more records of its subject, back to back). False with why at the first
+// record that is not whole or not valid; the records before it were handed on.
+template <typename Fn>
+bool for_each_record(const uint8_t* data, size_t size, Fn&& fn, std::string* why) {
+  size_t at = 0;
+  while (at < size) {
+    if (size - at < 4) {
+      *why = "a record head cut short";
+      return false;
+    }
+    uint32_t length;
+    std::memcpy(&length, data + at, 4);
+    if (length > size - at - 4) {
+      *why = "record length " + std::to_string(length) + " beyond the message";
+      return false;
+    }
+    View v;
+    if (!decode(data + at, length + size_t{4}, &v, why)) return false;
+    fn(v);
+    at += length + size_t{4};
+  }
+  return true;
+}
 
 // Publishes bytes on subject, in chunks when beyond the connection's limit.
 natsStatus publish(natsConnection* nc, const char* subject, const uint8_t* data, size_t size);

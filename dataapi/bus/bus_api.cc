@@ -263,12 +263,13 @@ bool BusApi::fetch(const std::string& subject, uint64_t since,
     const uint8_t* whole = nullptr;
     size_t whole_size = 0;
     std::string why;
-    bus::View v;
     if (assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
                       &whole, &whole_size, &why)) {
-      if (bus::decode(whole, whole_size, &v, &why) && v.kind == capture::Kind::kCallback) {
-        if (v.ns > since) out->emplace_back(v.ns, std::vector<uint8_t>(whole, whole + whole_size));
-      } else {
+      bool good = bus::for_each_record(whole, whole_size, [&](const bus::View& v) {
+        const uint8_t* head = v.payload - capture::kRecordHeadBytes;
+        if (v.kind == capture::Kind::kCallback && v.ns > since) out->emplace_back(v.ns, std::vector<uint8_t>(head, v.payload + v.size));
+      }, &why);
+      if (!good) {
         refused_.fetch_add(1);
         bus::log_line("bus", "stored message on " + subject + " refused: " + why);
       }
@@ -392,18 +393,25 @@ void BusApi::OnStream(natsConnection*, natsSubscription*, natsMsg* msg, void* cl
     const uint8_t* whole = nullptr;
     size_t size = 0;
     std::string why;
-    bus::View v;
     if (s->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
                          &whole, &size, &why)) {
-      if (!bus::decode(whole, size, &v, &why) || v.kind != capture::Kind::kCallback) {
+      bool ok = bus::for_each_record(whole, size, [&](const bus::View& v) {
+        if (v.kind != capture::Kind::kCallback) {
+          api->refused_.fetch_add(1);
+        } else if (s->catching) {
+          if (s->pending.size() < kMaxPending) {
+            const uint8_t* head = v.payload - capture::kRecordHeadBytes;
+            s->pending.emplace_back(head, v.payload + v.size);
+          }
+        } else if (v.ns <= s->last_ns) {
+          api->duplicates_.fetch_add(1, std::memory_order_relaxed);
+        } else {
+          api->deliver_stream(s, v);
+        }
+      }, &why);
+      if (!ok) {
         api->refused_.fetch_add(1);
-        bus::log_line("bus", "message on " + s->subject + " refused: " + (why.empty() ? "not a callback" : why));
-      } else if (s->catching) {
-        if (s->pending.size() < kMaxPending) s->pending.emplace_back(whole, whole + size);
-      } else if (v.ns <= s->last_ns) {
-        api->duplicates_.fetch_add(1, std::memory_order_relaxed);
-      } else {
-        api->deliver_stream(s, v);
+        bus::log_line("bus", "message on " + s->subject + " refused: " + why);
       }
     } else if (!why.empty()) {
       api->refused_.fetch_add(1);
@@ -418,15 +426,15 @@ void BusApi::OnFixed(natsConnection*, natsSubscription*, natsMsg* msg, void* clo
   const uint8_t* whole = nullptr;
   size_t size = 0;
   std::string why;
-  bus::View v;
   if (f->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
                        &whole, &size, &why)) {
-    if (bus::decode(whole, size, &v, &why) && v.kind == capture::Kind::kCallback) {
-      f->api->deliver(v);
-    } else {
+    bool ok = bus::for_each_record(whole, size, [&](const bus::View& v) {
+      if (v.kind == capture::Kind::kCallback) f->api->deliver(v);
+      else f->api->refused_.fetch_add(1);
+    }, &why);
+    if (!ok) {
       f->api->refused_.fetch_add(1);
-      bus::log_line("bus", std::string("message on ") + natsMsg_GetSubject(msg) + " refused: " +
-                               (why.empty() ? "not a callback" : why));
+      bus::log_line("bus", std::string("message on ") + natsMsg_GetSubject(msg) + " refused: " + why);
     }
   }
   natsMsg_Destroy(msg);
