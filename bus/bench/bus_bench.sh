@@ -8,7 +8,11 @@ bin=${1:-$src/build/release/bin}
 [ $# -gt 0 ] && shift
 command -v nats-server >/dev/null || "$src/scripts/install-deps.sh" nats-server >/dev/null
 tmp=$(mktemp -d)
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1]); s.close()')
+port=
+for _ in $(seq 50); do
+  p=$((20000 + RANDOM % 40000))
+  (exec 3<>"/dev/tcp/127.0.0.1/$p") 2>/dev/null || { port=$p; break; }
+done
 nats-server -a 127.0.0.1 -p "$port" -js -sd "$tmp/js" >"$tmp/server.log" 2>&1 &
 server=$!
 trap 'kill $server 2>/dev/null; wait $server 2>/dev/null; rm -rf "$tmp"' EXIT
