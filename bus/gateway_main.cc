@@ -71,6 +71,7 @@ int Usage() {
 int main(int argc, char** argv) {
   bus::Settings settings;
   std::string urls, name, error;
+  bool settings_file = false;
   int sim_interval = 0, sim_date = -1, sim_time = -1;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -79,6 +80,7 @@ int main(int argc, char** argv) {
     if (a == "--nats" && (v = value())) {
       urls = v;
     } else if (a == "--settings" && (v = value())) {
+      settings_file = true;
       if (!bus::read_settings_file(v, &settings, &error)) {
         std::fprintf(stderr, "kelquote_gateway: %s\n", error.c_str());
         return 2;
@@ -94,8 +96,9 @@ int main(int argc, char** argv) {
       return Usage();
     }
   }
-  // The environment's credentials serve the gateway as they serve a host.
-  if (!bus::settings_from_environment(&settings, &error)) {
+  // The environment's credentials serve the gateway as they serve a host;
+  // a file named on the command line stands for the host's settings file.
+  if (!bus::settings_from_environment(&settings, &error, !settings_file)) {
     std::fprintf(stderr, "kelquote_gateway: %s\n", error.c_str());
     return 2;
   }

@@ -157,9 +157,13 @@ bool read_settings_file(const std::string& path, Settings* settings, std::string
   return true;
 }
 
-bool settings_from_environment(Settings* settings, std::string* error) {
-  if (const char* file = std::getenv("KELQUOTE_BUS_SETTINGS"); file != nullptr && *file != '\0') {
+bool settings_from_environment(Settings* settings, std::string* error, bool read_file) {
+  const char* file = std::getenv("KELQUOTE_BUS_SETTINGS");
+  if (read_file && file != nullptr && *file != '\0') {
     if (!read_settings_file(file, settings, error)) return false;
+  } else if (read_file && std::ifstream(kDefaultSettings).good()) {
+    // Beside the capture setting, in the folder a terminal runs in.
+    if (!read_settings_file(kDefaultSettings, settings, error)) return false;
   }
   static const char* const kNames[][2] = {
       {"KELQUOTE_BUS_URL", "url"},         {"KELQUOTE_BUS_USER", "user"},     {"KELQUOTE_BUS_PASSWORD", "password"},

@@ -53,8 +53,10 @@ struct Settings {
 // naming the line for anything not understood; settings keeps what came before.
 bool read_settings_file(const std::string& path, Settings* settings, std::string* error);
 // KELQUOTE_BUS_URL, _USER, _PASSWORD, _CREDS, _NAME, _SINCE, _TLS_CA,
-// _TLS_CERT, _TLS_KEY; KELQUOTE_BUS_SETTINGS names a file read first.
-bool settings_from_environment(Settings* settings, std::string* error);
+// _TLS_CERT, _TLS_KEY; KELQUOTE_BUS_SETTINGS names a file read first
+// (without it, kDefaultSettings when there is one).
+inline constexpr char kDefaultSettings[] = "./ini/KELQuoteBus.config";
+bool settings_from_environment(Settings* settings, std::string* error, bool read_file = true);
 
 // Connects with the settings: every server in the list, reconnecting
 // without end. Null with error on failure.
