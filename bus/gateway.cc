@@ -237,6 +237,7 @@ void Gateway::publish_loop() {
   // message (up to kPackBytes): a burst costs the servers and the hosts a
   // message per subject and batch rather than one per record.
   constexpr size_t kPackBytes = 64 << 10;
+  const std::string l2_prefix = settings_.name + ".l2.";
   std::unordered_map<std::string, size_t> index;
   std::vector<std::pair<std::string, std::vector<uint8_t>>> packs;
   size_t used = 0;
@@ -275,7 +276,18 @@ void Gateway::publish_loop() {
       }
       auto& pack = packs[it->second];
       if (!pack.second.empty() && pack.second.size() + size > kPackBytes) flush(pack);
+      size_t at_record = pack.second.size();
       pack.second.insert(pack.second.end(), record, record + size);
+      // A host takes an instrument's level-2 kinds on one subscription: they
+      // share one numbering.
+      std::string key = subject;
+      if (key.compare(0, l2_prefix.size(), l2_prefix) == 0) {
+        size_t dot = key.find('.', l2_prefix.size());
+        if (dot != std::string::npos) key.erase(l2_prefix.size(), dot + 1 - l2_prefix.size());
+      }
+      uint16_t& seq = seq_[key];
+      seq = static_cast<uint16_t>(seq == 65535 ? 1 : seq + 1);
+      if (size >= capture::kRecordHeadBytes) std::memcpy(pack.second.data() + at_record + 6, &seq, 2);
       ++records;
       at += 6 + subject_size + size;
     }
@@ -354,13 +366,33 @@ void Gateway::OnRequest(natsConnection*, natsSubscription*, natsMsg* msg, void* 
 void Gateway::OnAlive(natsConnection*, natsSubscription*, natsMsg* msg, void* self) {
   auto* g = static_cast<Gateway*>(self);
   std::string host = HostOf(natsMsg_GetSubject(msg));
+  bool known;
   {
     std::lock_guard<std::mutex> lock(g->mu_);
     // Only a host that said hello counts: a stray beat makes no host.
     auto it = g->hosts_.find(host);
-    if (it != g->hosts_.end()) it->second = Clock::now();
+    known = it != g->hosts_.end();
+    if (known) it->second = Clock::now();
   }
   natsMsg_Destroy(msg);
+  if (!known && !host.empty()) g->tell_forgotten(host);
+}
+
+void Gateway::tell_forgotten(const std::string& host) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto now = Clock::now();
+    auto& told = told_[host];
+    if (now - told < std::chrono::seconds(1)) return;
+    told = now;
+    if (told_.size() > 10000) told_.clear();  // bounded, whatever strays beat
+  }
+  // The connection status on the host's own subject: join again.
+  int32_t both[2] = {0, 0};
+  std::vector<uint8_t> encoded;
+  encode(capture::Kind::kCallback, capture::kConnectStatusSlot, next_ns(), both, sizeof(both), nullptr, 0, nullptr, 0,
+         &encoded);
+  enqueue(settings_.name + ".host." + host, encoded.data(), encoded.size());
 }
 
 void Gateway::handle_request(const std::string& host, natsMsg* msg) {
@@ -403,6 +435,7 @@ void Gateway::handle_request(const std::string& host, natsMsg* msg) {
     if (!known) {
       log_line("gateway", "request " + std::string(capture::op_name(v.code)) + " from host " + host +
                               " that has not connected, refused");
+      tell_forgotten(host);
     } else if ((v.code >= 7 && v.code <= 10) || v.code == 54 || v.code == 55) {
       rc = subscription_request(host, v.code, bytes, size);
     } else if (MapsId(v.code)) {

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "bus/wire.h"
@@ -122,6 +123,9 @@ class Gateway final : public CDataApiCallBack {
   static void OnRequest(natsConnection*, natsSubscription*, natsMsg* msg, void* self);
   static void OnAlive(natsConnection*, natsSubscription*, natsMsg* msg, void* self);
   void handle_request(const std::string& host, natsMsg* msg);
+  // A host the gateway does not know (taken as dead, or from before a
+  // restart) hears so on its own subject, at most once a second.
+  void tell_forgotten(const std::string& host);
   int subscription_request(const std::string& host, uint8_t op, const uint8_t* bytes, size_t size);
   int id_request(const std::string& host, uint8_t op, const uint8_t* bytes, size_t size);
   int plain_request(const std::string& host, uint8_t op, const uint8_t* bytes, size_t size);
@@ -144,6 +148,7 @@ class Gateway final : public CDataApiCallBack {
   std::map<std::string, std::chrono::steady_clock::time_point> hosts_;
   std::map<Key, std::set<std::string>> subs_;
   ConnectResult connect_result_{0, 0, 0};
+  std::map<std::string, std::chrono::steady_clock::time_point> told_;
 
   std::mutex route_mu_;  // what replies find; never held while calling the service
   std::vector<Asked> asked_;
@@ -157,6 +162,7 @@ class Gateway final : public CDataApiCallBack {
   int64_t dropped_ = 0, dropped_told_ = 0;
   std::chrono::steady_clock::time_point drop_told_at_{};
   std::thread publisher_;
+  std::unordered_map<std::string, uint16_t> seq_;  // the publisher's: last number per subject
 
   std::mutex beat_mu_;
   std::condition_variable beat_cv_;

@@ -278,6 +278,7 @@ bool decode(const uint8_t* data, size_t size, View* view, std::string* why) {
   }
   view->kind = static_cast<capture::Kind>(kind);
   view->code = data[5];
+  std::memcpy(&view->seq, data + 6, 2);
   std::memcpy(&view->ns, data + 8, 8);
   view->payload = data + capture::kRecordHeadBytes;
   view->size = size - capture::kRecordHeadBytes;

@@ -13,6 +13,9 @@
 //   <n>.status                the service's connection
 //   <n>.beat                  the gateway's heartbeat (instance, service state)
 //   <n>.alive.<host>          a host's heartbeat
+// A message holds one or more records of its subject. On the bus the
+// head's two bytes that files keep zero number the records of a subject
+// (1 to 65535, then 1 again), so that a host sees a gap.
 // A record longer than the servers' payload limit goes as chunks, each
 // "KQCK", u32 index, u32 count, then its piece of the record.
 #ifndef KELQUOTE_BUS_WIRE_H_
@@ -84,6 +87,7 @@ void encode(capture::Kind kind, uint8_t code, uint64_t ns, const void* a, size_t
 struct View {
   capture::Kind kind;
   uint8_t code;
+  uint16_t seq;  // the record's number in its subject (head bytes 6-7, zero in files); 0 none
   uint64_t ns;
   const uint8_t* payload;
   size_t size;

@@ -152,11 +152,15 @@ int main(int argc, char** argv) {
     if (lost.load() == 0 || restored.load() == 0) good = false;
   }
   if (auto stats = reinterpret_cast<void (*)(int64_t*)>(dlsym(RTLD_DEFAULT, "KqBusStats"))) {
-    int64_t v[5];
+    int64_t v[7];
     stats(v);
-    std::printf("[probe] bus: delivered %lld caught up %lld duplicates dropped %lld refused %lld restores %lld\n",
+    std::printf("[probe] bus: delivered %lld caught up %lld duplicates dropped %lld refused %lld restores %lld"
+                " gaps %lld lost %lld\n",
                 static_cast<long long>(v[0]), static_cast<long long>(v[1]), static_cast<long long>(v[2]),
-                static_cast<long long>(v[3]), static_cast<long long>(v[4]));
+                static_cast<long long>(v[3]), static_cast<long long>(v[4]), static_cast<long long>(v[5]),
+                static_cast<long long>(v[6]));
+    // A record the gateway numbered that came neither live nor from the stream.
+    if (v[6] != 0) good = false;
   }
   std::printf("[probe] %s\n", good ? "ok" : "FAILED");
   std::fflush(stdout);

@@ -192,7 +192,7 @@ CONF
   kill -KILL "${spids[0]}"
   wait $a || fail "host A through the failover"
   wait $b || fail "host B through the failover"
-  grep -q "lost" "$tmp/hostA.log" "$tmp/hostB.log" && fail "a host heard the connection lost"
+  grep -q "connection report 1" "$tmp/hostA.log" "$tmp/hostB.log" && fail "a host heard the connection lost"
   grep "bus:" "$tmp/hostA.log" "$tmp/hostB.log"
   echo "failover: ok"
   exit 0

@@ -35,7 +35,8 @@ void BusApi::use_settings(const bus::Settings& settings) {
 }
 
 BusStats BusApi::stats() const {
-  return BusStats{delivered_.load(), caught_up_.load(), duplicates_.load(), refused_.load(), restores_.load()};
+  return BusStats{delivered_.load(), caught_up_.load(), duplicates_.load(), refused_.load(), restores_.load(),
+                  gaps_.load(),      lost_.load()};
 }
 
 int BusApi::RegisterServer(const ServerTable*, CDataApiCallBack* callback) {
@@ -56,6 +57,7 @@ int BusApi::Connect(ConnectResult* result) {
   }
   if (nc_ == nullptr) {
     if (monitor_.joinable()) monitor_.join();  // ended by the last release
+    if (beater_.joinable()) beater_.join();
     bus::Handlers h;
     h.reconnected = &BusApi::OnReconnected;
     h.error = &BusApi::OnError;
@@ -76,6 +78,7 @@ int BusApi::Connect(ConnectResult* result) {
     for (const std::string& subject : {n + ".host." + host_, n + ".push.>", n + ".status", n + ".beat"}) {
       auto fixed = std::make_unique<Fixed>();
       fixed->api = this;
+      fixed->own = subject == n + ".host." + host_;
       natsStatus st = natsConnection_Subscribe(&fixed->sub, nc_, subject.c_str(),
                                                subject == n + ".beat" ? &BusApi::OnBeat : &BusApi::OnFixed,
                                                fixed.get());
@@ -85,7 +88,7 @@ int BusApi::Connect(ConnectResult* result) {
     natsConnection_Flush(nc_);
   }
   std::vector<uint8_t> filled;
-  int rc = request(capture::kConnect, nullptr, 0, &filled);
+  int rc = hello(&filled);
   if (result != nullptr && rc == 0) *result = ConnectResult{0, 0, 0};
   if (result != nullptr && filled.size() == sizeof(ConnectResult)) std::memcpy(result, filled.data(), filled.size());
   if (rc != 0) return rc < 0 ? -1 : rc;
@@ -95,7 +98,22 @@ int BusApi::Connect(ConnectResult* result) {
     stopping_ = false;
   }
   if (!monitor_.joinable()) monitor_ = std::thread([this] { monitor(); });
+  if (!beater_.joinable()) beater_ = std::thread([this] { beat_loop(); });
   return 0;
+}
+
+int BusApi::hello(std::vector<uint8_t>* filled) {
+  std::vector<uint8_t> out;
+  int rc = request(capture::kConnect, nullptr, 0, &out);
+  // The answer's time rides in its last 8 bytes (see request).
+  if (out.size() >= 8) {
+    uint64_t ns;
+    std::memcpy(&ns, out.data() + out.size() - 8, 8);
+    hello_ns_.store(ns);
+    out.resize(out.size() - 8);
+  }
+  if (filled != nullptr) *filled = std::move(out);
+  return rc;
 }
 
 int BusApi::request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled) {
@@ -122,7 +140,11 @@ int BusApi::request(uint8_t op, const void* bytes, size_t size, std::vector<uint
                              (why.empty() ? "not its result" : why));
   } else {
     std::memcpy(&rc, v.payload + 4, 4);
-    if (filled != nullptr) filled->assign(v.payload + 8, v.payload + v.size);
+    if (filled != nullptr) {
+      filled->assign(v.payload + 8, v.payload + v.size);
+      if (op == capture::kConnect) filled->insert(filled->end(), reinterpret_cast<const uint8_t*>(&v.ns),
+                                                  reinterpret_cast<const uint8_t*>(&v.ns) + 8);
+    }
   }
   natsMsg_Destroy(reply);
   return rc;
@@ -334,8 +356,12 @@ void BusApi::catch_up(std::vector<Stream*> streams) {
 }
 
 void BusApi::deliver_stream(Stream* s, const bus::View& v) {
+  if (s->next_seq != 0 && v.seq != 0 && v.seq != s->next_seq) {
+    lost_.fetch_add((v.seq + 65535 - s->next_seq) % 65535, std::memory_order_relaxed);
+  }
   deliver(v);
   s->last_ns = v.ns;
+  s->next_seq = v.seq == 0 ? 0 : static_cast<uint16_t>(v.seq == 65535 ? 1 : v.seq + 1);
   if (s->count++ == 0) s->first_ns = v.ns;
 }
 
@@ -405,6 +431,15 @@ void BusApi::OnStream(natsConnection*, natsSubscription*, natsMsg* msg, void* cl
           }
         } else if (v.ns <= s->last_ns) {
           api->duplicates_.fetch_add(1, std::memory_order_relaxed);
+        } else if (s->next_seq != 0 && v.seq != 0 && v.seq != s->next_seq) {
+          // Records of this subject went missing on the way: hold what
+          // comes and fetch them from the stream first.
+          api->gaps_.fetch_add((v.seq + 65535 - s->next_seq) % 65535, std::memory_order_relaxed);
+          s->catching = true;
+          const uint8_t* head = v.payload - capture::kRecordHeadBytes;
+          s->pending.emplace_back(head, v.payload + v.size);
+          api->catch_up_all_.store(true);
+          api->monitor_cv_.notify_all();
         } else {
           api->deliver_stream(s, v);
         }
@@ -428,9 +463,18 @@ void BusApi::OnFixed(natsConnection*, natsSubscription*, natsMsg* msg, void* clo
   std::string why;
   if (f->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
                        &whole, &size, &why)) {
+    bool own = f->own;
     bool ok = bus::for_each_record(whole, size, [&](const bus::View& v) {
-      if (v.kind == capture::Kind::kCallback) f->api->deliver(v);
-      else f->api->refused_.fetch_add(1);
+      if (v.kind != capture::Kind::kCallback) {
+        f->api->refused_.fetch_add(1);
+      } else if (own && v.code == capture::kConnectStatusSlot) {
+        // Unless the gateway said so before it last welcomed this host.
+        if (v.ns < f->api->hello_ns_.load()) return;
+        f->api->forgotten_.store(true);
+        f->api->monitor_cv_.notify_all();
+      } else {
+        f->api->deliver(v);
+      }
     }, &why);
     if (!ok) {
       f->api->refused_.fetch_add(1);
@@ -468,7 +512,7 @@ void BusApi::OnError(natsConnection*, natsSubscription*, natsStatus err, void* c
 }
 
 bool BusApi::restore() {
-  if (request(capture::kConnect, nullptr, 0) != 0) return false;
+  if (hello(nullptr) != 0) return false;
   std::vector<ApiCodeItem> l1, l2;
   std::vector<ApiMarketItem> markets;
   std::vector<Stream*> all;
@@ -477,7 +521,11 @@ bool BusApi::restore() {
     for (const auto& [subject, item] : l1_) l1.push_back(item);
     for (const auto& [subject, item] : l2_) l2.push_back(item);
     for (const auto& [market, item] : markets_) markets.push_back(item);
-    for (const auto& [subject, s] : streams_) all.push_back(s.get());
+    for (const auto& [subject, s] : streams_) {
+      all.push_back(s.get());
+      std::lock_guard<std::mutex> stream_lock(s->mu);
+      s->next_seq = 0;  // a new gateway numbers afresh
+    }
   }
   if (!l1.empty()) request(7, l1.data(), l1.size() * sizeof(ApiCodeItem));
   if (!l2.empty()) request(9, l2.data(), l2.size() * sizeof(ApiCodeItem));
@@ -493,13 +541,13 @@ bool BusApi::restore() {
 
 void BusApi::monitor() {
   bool up = true;
-  std::string alive = settings_.name + ".alive." + host_;
   std::unique_lock<std::mutex> lock(monitor_mu_);
   while (!stopping_) {
     lock.unlock();
-    natsConnection_Publish(nc_, alive.c_str(), "", 0);
     int64_t beat = beat_at_ms_.load();
-    bool restarted = beat < 0;
+    // The gateway forgot this host (it was silent too long): as after a
+    // restart, the host hears the connection lost and joins again.
+    bool restarted = beat < 0 || forgotten_.exchange(false);
     bool silent = !restarted && NowMs() - beat > settings_.dead_ms;
     CDataApiCallBack* cb = callback_.load();
     if (up && (silent || restarted)) {
@@ -531,6 +579,18 @@ void BusApi::monitor() {
   }
 }
 
+void BusApi::beat_loop() {
+  // A thread of its own: a catch-up on the monitor's thread may take seconds.
+  std::string alive = settings_.name + ".alive." + host_;
+  std::unique_lock<std::mutex> lock(monitor_mu_);
+  while (!stopping_) {
+    lock.unlock();
+    natsConnection_Publish(nc_, alive.c_str(), "", 0);
+    lock.lock();
+    monitor_cv_.wait_for(lock, std::chrono::milliseconds(settings_.beat_ms), [this] { return stopping_; });
+  }
+}
+
 void BusApi::teardown() {
   {
     std::lock_guard<std::mutex> lock(monitor_mu_);
@@ -538,6 +598,7 @@ void BusApi::teardown() {
   }
   monitor_cv_.notify_all();
   if (monitor_.joinable() && monitor_.get_id() != std::this_thread::get_id()) monitor_.join();
+  if (beater_.joinable()) beater_.join();
   if (nc_ != nullptr) {
     natsConnection_Close(nc_);
     for (auto& f : fixed_) natsSubscription_Destroy(f->sub);

@@ -33,6 +33,8 @@ struct BusStats {
   int64_t duplicates;  // records seen twice (live and stored), handed on once
   int64_t refused;     // malformed messages
   int64_t restores;    // gateway lost and restored
+  int64_t gaps;        // records found missing from a subject's numbers
+  int64_t lost;        // of them, not found in the stream either
 };
 
 class BusApi final : public CDataApi {
@@ -99,12 +101,14 @@ class BusApi final : public CDataApi {
     uint64_t last_ns = 0;
     uint64_t first_ns = 0;  // of the first record handed on
     int64_t count = 0;      // records handed on
+    uint16_t next_seq = 0;  // the number the next record should carry; 0 not known
     bool catching = false;
     std::vector<std::vector<uint8_t>> pending;  // live records held while catching up
     bus::Assembly assembly;
   };
   struct Fixed {
     BusApi* api;
+    bool own = false;  // the host's own subject
     natsSubscription* sub = nullptr;
     bus::Assembly assembly;
   };
@@ -114,6 +118,8 @@ class BusApi final : public CDataApi {
     return request(op, r, r != nullptr ? sizeof(T) : 0);
   }
   int request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled = nullptr);
+  // Says hello to the gateway: its result; remembers when the gateway answered.
+  int hello(std::vector<uint8_t>* filled);
   int subscribe(uint8_t op, const ApiCodeItem* items, int32_t count);
   int subscribe_market(uint8_t op, const ApiMarketItem* item);
   // Callers hold mu_. The stream of subject, made and subscribed when new.
@@ -122,9 +128,11 @@ class BusApi final : public CDataApi {
   void catch_up(std::vector<Stream*> streams);
   bool fetch(const std::string& subject, uint64_t since, std::vector<std::pair<uint64_t, std::vector<uint8_t>>>* out);
   void deliver(const bus::View& v);
-  // Callers hold s->mu: hands a stream's record on and counts it.
+  // Callers hold s->mu: hands a stream's record on and counts it; a record
+  // whose number skips some counts them as lost.
   void deliver_stream(Stream* s, const bus::View& v);
   void monitor();
+  void beat_loop();
   bool restore();
   void teardown();
 
@@ -151,12 +159,15 @@ class BusApi final : public CDataApi {
   std::atomic<int64_t> beat_at_ms_{0};
   std::atomic<uint64_t> instance_{0};
   std::atomic<bool> catch_up_all_{false};
-  std::atomic<int64_t> delivered_{0}, caught_up_{0}, duplicates_{0}, refused_{0}, restores_{0};
+  std::atomic<bool> forgotten_{false};
+  std::atomic<uint64_t> hello_ns_{0};  // the gateway's time of its last hello answer  // the gateway said it does not know this host
+  std::atomic<int64_t> delivered_{0}, caught_up_{0}, duplicates_{0}, refused_{0}, restores_{0}, gaps_{0}, lost_{0};
 
   std::mutex monitor_mu_;
   std::condition_variable monitor_cv_;
   bool stopping_ = false;
   std::thread monitor_;
+  std::thread beater_;
 };
 
 }  // namespace busapi

@@ -19,13 +19,15 @@ busapi::BusApi* Instance() {
 
 CDataApi* GetApiInstance() { return Instance(); }
 
-extern "C" DATAAPI_API void KqBusStats(int64_t out[5]) {
+extern "C" DATAAPI_API void KqBusStats(int64_t out[7]) {
   busapi::BusStats s = Instance()->stats();
   out[0] = s.delivered;
   out[1] = s.caught_up;
   out[2] = s.duplicates;
   out[3] = s.refused;
   out[4] = s.restores;
+  out[5] = s.gaps;
+  out[6] = s.lost;
 }
 
 extern "C" DATAAPI_API int64_t KqBusVerify() { return Instance()->verify(); }
