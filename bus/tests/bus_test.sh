@@ -143,6 +143,10 @@ CONF
   sleep 3
   start_gateway
   wait $s || fail "the host did not come through the gateway's restart"
+  # What the host's callback hears is what a live vendor's lost-then-restored
+  # connection gives: 1 (lost, reconnecting), then 0 (restored), nothing else.
+  reports=$(grep -o "connection report [0-9]*" "$tmp/survivor.log" | awk '{printf "%s ", $3}')
+  [ "$reports" = "1 0 " ] || fail "the host heard the connection reports \"$reports\", not \"1 0 \""
   echo "functional: ok"
   exit 0
 fi
