@@ -104,14 +104,26 @@ bool Gateway::start(std::string* error) {
   jsCtx* js = nullptr;
   natsStatus st = natsConnection_JetStream(&js, nc_, nullptr);
   if (st == NATS_OK) {
-    std::string stream = "KQ_" + n;
-    std::string s1 = n + ".l1.>", s2 = n + ".l2.>", s3 = n + ".mkt.>", s4 = n + ".push.>", s5 = n + ".status";
-    const char* subjects[] = {s1.c_str(), s2.c_str(), s3.c_str(), s4.c_str(), s5.c_str()};
+    // Each gateway its own stream: its markets' subjects, its reports.
+    const std::string& g = settings_.gateway;
+    std::string stream = "KQ_" + n + "_" + g;
+    std::vector<std::string> kept;
+    if (settings_.markets.empty()) {
+      kept = {n + ".l1.>", n + ".l2.>", n + ".mkt.>"};
+    } else {
+      for (const std::string& m : settings_.markets) {
+        kept.insert(kept.end(), {n + ".l1." + m + ".*", n + ".l2.*." + m + ".*", n + ".mkt." + m});
+      }
+    }
+    kept.push_back(n + ".push." + g + ".>");
+    kept.push_back(n + ".status." + g);
+    std::vector<const char*> subjects;
+    for (const std::string& k : kept) subjects.push_back(k.c_str());
     jsStreamConfig cfg;
     jsStreamConfig_Init(&cfg);
     cfg.Name = stream.c_str();
-    cfg.Subjects = subjects;
-    cfg.SubjectsLen = 5;
+    cfg.Subjects = subjects.data();
+    cfg.SubjectsLen = static_cast<int>(subjects.size());
     cfg.Storage = js_FileStorage;
     cfg.MaxAge = int64_t{settings_.retention_hours} * 3600 * 1000000000LL;
     cfg.MaxBytes = settings_.max_bytes;
@@ -127,7 +139,19 @@ bool Gateway::start(std::string* error) {
   } else {
     *error = std::string("JetStream: ") + natsStatus_GetText(st);
   }
-  if (st == NATS_OK) st = natsConnection_Subscribe(&req_sub_, nc_, (n + ".req.*").c_str(), &Gateway::OnRequest, this);
+  // The requests of its markets, and those tied to none when it is the one for them.
+  std::vector<std::string> routes;
+  if (settings_.markets.empty()) {
+    routes.push_back(n + ".req.*.*");
+  } else {
+    for (const std::string& m : settings_.markets) routes.push_back(n + ".req." + m + ".*");
+    if (settings_.serves_common()) routes.push_back(n + ".req." + kCommonRoute + ".*");
+  }
+  for (const std::string& r : routes) {
+    natsSubscription* sub = nullptr;
+    if (st == NATS_OK) st = natsConnection_Subscribe(&sub, nc_, r.c_str(), &Gateway::OnRequest, this);
+    if (sub != nullptr) req_subs_.push_back(sub);
+  }
   if (st == NATS_OK) st = natsConnection_Subscribe(&alive_sub_, nc_, (n + ".alive.*").c_str(), &Gateway::OnAlive, this);
   if (st == NATS_OK) st = natsConnection_Flush(nc_);
   if (st != NATS_OK) {
@@ -141,7 +165,11 @@ bool Gateway::start(std::string* error) {
   }
   publisher_ = std::thread([this] { publish_loop(); });
   beat_ = std::thread([this] { beat_loop(); });
-  log_line("gateway", "serving bus \"" + n + "\" on " + settings_.urls);
+  std::string markets;
+  for (const std::string& m : settings_.markets) markets += (markets.empty() ? "" : ",") + m;
+  log_line("gateway", "gateway \"" + settings_.gateway + "\" serving bus \"" + n + "\" on " + settings_.urls +
+                          ", markets " + (markets.empty() ? "all" : markets) +
+                          (settings_.serves_common() ? ", requests of no market" : ""));
   return true;
 }
 
@@ -158,11 +186,14 @@ void Gateway::stop() {
   }
   out_cv_.notify_all();
   if (publisher_.joinable()) publisher_.join();
-  if (req_sub_ != nullptr) natsSubscription_Unsubscribe(req_sub_);
+  for (natsSubscription* sub : req_subs_) {
+    natsSubscription_Unsubscribe(sub);
+    natsSubscription_Destroy(sub);
+  }
+  req_subs_.clear();
   if (alive_sub_ != nullptr) natsSubscription_Unsubscribe(alive_sub_);
-  natsSubscription_Destroy(req_sub_);
   natsSubscription_Destroy(alive_sub_);
-  req_sub_ = alive_sub_ = nullptr;
+  alive_sub_ = nullptr;
   if (nc_ != nullptr) {
     natsConnection_FlushTimeout(nc_, 1000);
     natsConnection_Close(nc_);
@@ -315,7 +346,7 @@ void Gateway::route(int slot, const uint8_t* bytes, size_t size, const std::vect
       }
       std::vector<uint8_t> copy = encoded;
       std::memcpy(copy.data() + capture::kRecordHeadBytes, &m.id, 2);
-      out.emplace_back(settings_.name + ".host." + m.host, std::move(copy));
+      out.emplace_back(settings_.name + ".host." + m.host + "." + settings_.gateway, std::move(copy));
     } else {
       int32_t market = ReplyMarket(slot, bytes, size);
       std::set<std::string> hosts;
@@ -335,13 +366,17 @@ void Gateway::route(int slot, const uint8_t* bytes, size_t size, const std::vect
           ++it;
         }
       }
-      for (const auto& h : hosts) out.emplace_back(settings_.name + ".host." + h, encoded);
-      broadcast = hosts.empty();
+      for (const auto& h : hosts) out.emplace_back(settings_.name + ".host." + h + "." + settings_.gateway, encoded);
+      // News of another gateway's market is that gateway's to tell.
+      const auto& mine = settings_.markets;
+      bool ours = market < 0 ? settings_.serves_common()
+                             : mine.empty() || std::find(mine.begin(), mine.end(), capture::market_name(market)) != mine.end();
+      broadcast = hosts.empty() && ours;
     }
   }
   // A reply nobody waits for is the service's own news (a market changed):
   // every host hears it.
-  if (broadcast) out.emplace_back(settings_.name + ".push." + std::to_string(slot), encoded);
+  if (broadcast) out.emplace_back(settings_.name + ".push." + settings_.gateway + "." + std::to_string(slot), encoded);
   for (const auto& [subject, record] : out) enqueue(subject, record.data(), record.size());
 }
 
@@ -352,7 +387,7 @@ int Gateway::OnConnectStatus(int server, int status) {
   std::vector<uint8_t> encoded;
   encode(capture::Kind::kCallback, capture::kConnectStatusSlot, next_ns(), both, sizeof(both), nullptr, 0, nullptr, 0,
          &encoded);
-  if (nc_ != nullptr) enqueue(settings_.name + ".status", encoded.data(), encoded.size());
+  if (nc_ != nullptr) enqueue(settings_.name + ".status." + settings_.gateway, encoded.data(), encoded.size());
   log_line("gateway", "service connection " + std::to_string(server) + ": " +
                           (status == 0 ? "lost" : status == 1 ? "restored" : "failed"));
   return 0;
@@ -375,7 +410,13 @@ void Gateway::OnAlive(natsConnection*, natsSubscription*, natsMsg* msg, void* se
     if (known) it->second = Clock::now();
   }
   natsMsg_Destroy(msg);
-  if (!known && !host.empty()) g->tell_forgotten(host);
+  // Only a host this gateway took as dead: the others beat for other gateways.
+  bool dead = false;
+  if (!known) {
+    std::lock_guard<std::mutex> lock(g->mu_);
+    dead = g->dead_.count(host) != 0;
+  }
+  if (dead) g->tell_forgotten(host);
 }
 
 void Gateway::tell_forgotten(const std::string& host) {
@@ -392,7 +433,7 @@ void Gateway::tell_forgotten(const std::string& host) {
   std::vector<uint8_t> encoded;
   encode(capture::Kind::kCallback, capture::kConnectStatusSlot, next_ns(), both, sizeof(both), nullptr, 0, nullptr, 0,
          &encoded);
-  enqueue(settings_.name + ".host." + host, encoded.data(), encoded.size());
+  enqueue(settings_.name + ".host." + host + "." + settings_.gateway, encoded.data(), encoded.size());
 }
 
 void Gateway::handle_request(const std::string& host, natsMsg* msg) {
@@ -415,6 +456,7 @@ void Gateway::handle_request(const std::string& host, natsMsg* msg) {
   if (v.code == capture::kConnect) {
     std::lock_guard<std::mutex> lock(mu_);
     bool fresh = hosts_.emplace(host, Clock::now()).second;
+    dead_.erase(host);
     hosts_[host] = Clock::now();
     rc = service_up_.load() ? 0 : -1;
     ConnectResult r = rc == 0 ? ConnectResult{0, 0, 0} : connect_result_;
@@ -673,7 +715,7 @@ void Gateway::drop_host(const std::string& host, const char* why) {
 }
 
 void Gateway::beat_loop() {
-  std::string subject = settings_.name + ".beat";
+  std::string subject = settings_.name + ".beat." + settings_.gateway;
   std::unique_lock<std::mutex> lock(beat_mu_);
   while (!stopping_) {
     lock.unlock();
@@ -689,7 +731,11 @@ void Gateway::beat_loop() {
       for (const auto& [host, seen] : hosts_) {
         if (now - seen > std::chrono::milliseconds(settings_.dead_ms)) silent.push_back(host);
       }
-      for (const auto& host : silent) drop_host(host, "silent, taken as dead");
+      for (const auto& host : silent) {
+        drop_host(host, "silent, taken as dead");
+        if (dead_.size() > 10000) dead_.clear();  // bounded, however many die
+        dead_.insert(host);
+      }
     }
     lock.lock();
     beat_cv_.wait_for(lock, std::chrono::milliseconds(settings_.beat_ms), [this] { return stopping_; });

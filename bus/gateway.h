@@ -137,7 +137,7 @@ class Gateway final : public CDataApiCallBack {
   CDataApi* api_;
   Settings settings_;
   natsConnection* nc_ = nullptr;
-  natsSubscription* req_sub_ = nullptr;
+  std::vector<natsSubscription*> req_subs_;
   natsSubscription* alive_sub_ = nullptr;
   uint64_t instance_;
   std::atomic<bool> service_up_{false};
@@ -149,6 +149,7 @@ class Gateway final : public CDataApiCallBack {
   std::map<Key, std::set<std::string>> subs_;
   ConnectResult connect_result_{0, 0, 0};
   std::map<std::string, std::chrono::steady_clock::time_point> told_;
+  std::set<std::string> dead_;  // hosts taken as dead, told so if they still beat
 
   std::mutex route_mu_;  // what replies find; never held while calling the service
   std::vector<Asked> asked_;

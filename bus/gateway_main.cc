@@ -1,4 +1,5 @@
 // kelquote_gateway --nats URL[,URL...] [--settings FILE] [--name NAME]
+//                  [--gateway NAME --markets SH,SZ [--common]]
 //                  [--sim-interval MS] [--sim-clock YYYYMMDD HHMMSS]
 // Runs in a folder laid out as a terminal's (dravikcfg.dat, ini/, beside
 // ../userdata/log/), logs in to the quote service it loads as a host would,
@@ -13,6 +14,8 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "bus/gateway.h"
 #include "datamgr/config.h"
@@ -62,6 +65,7 @@ Fn SimControl(const char* name) {
 int Usage() {
   std::fprintf(stderr,
                "usage: kelquote_gateway --nats URL[,URL...] [--settings FILE] [--name NAME]\n"
+               "                        [--gateway NAME --markets SH,SZ [--common]]\n"
                "                        [--sim-interval MS] [--sim-clock YYYYMMDD HHMMSS]\n");
   return 2;
 }
@@ -71,6 +75,7 @@ int Usage() {
 int main(int argc, char** argv) {
   bus::Settings settings;
   std::string urls, name, error;
+  std::vector<std::pair<std::string, std::string>> split;  // settings given as options
   bool settings_file = false;
   int sim_interval = 0, sim_date = -1, sim_time = -1;
   for (int i = 1; i < argc; ++i) {
@@ -87,6 +92,10 @@ int main(int argc, char** argv) {
       }
     } else if (a == "--name" && (v = value())) {
       name = v;
+    } else if ((a == "--gateway" || a == "--markets") && (v = value())) {
+      split.emplace_back(a.substr(2), v);
+    } else if (a == "--common") {
+      split.emplace_back("common", "true");
     } else if (a == "--sim-interval" && (v = value())) {
       sim_interval = std::atoi(v);
     } else if (a == "--sim-clock" && i + 2 < argc) {
@@ -104,6 +113,12 @@ int main(int argc, char** argv) {
   }
   if (!urls.empty()) settings.urls = urls;
   if (!name.empty()) settings.name = name;
+  for (const auto& [key, text] : split) {
+    if (!bus::apply_setting(&settings, key, text, &error)) {
+      std::fprintf(stderr, "kelquote_gateway: --%s: %s\n", key.c_str(), error.c_str());
+      return 2;
+    }
+  }
 
   tavr::CMyLog::InitLog();
   ServerTable table;

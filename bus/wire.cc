@@ -1,6 +1,7 @@
 #include "bus/wire.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -13,6 +14,7 @@
 
 #include "capture/catalog.h"
 #include "capture/record_size.h"
+#include "dataapi/ApiRecords.h"
 
 namespace bus {
 
@@ -35,6 +37,13 @@ bool ParseInt(const std::string& text, int64_t lo, int64_t hi, int64_t* out) {
   if (*end != '\0' || v < lo || v > hi) return false;
   *out = v;
   return true;
+}
+
+// A subject token as the settings may name one.
+bool Token(const std::string& s) {
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
+  });
 }
 
 // One setting; false with why.
@@ -84,6 +93,38 @@ bool Apply(Settings* s, const std::string& key, const std::string& value, std::s
       return false;
     }
     s->name = value;
+  } else if (key == "gateway") {
+    if (!Token(value)) {
+      *why = "gateway is letters, digits, _ and -, not \"" + value + "\"";
+      return false;
+    }
+    s->gateway = value;
+  } else if (key == "markets") {
+    // SH,SZ (or the service's numbers); "all" or empty: every market.
+    std::vector<std::string> list;
+    size_t at = 0;
+    while (value != "all" && at < value.size()) {
+      size_t comma = value.find(',', at);
+      if (comma == std::string::npos) comma = value.size();
+      std::string m = value.substr(at, comma - at);
+      while (!m.empty() && m.back() == ' ') m.pop_back();
+      while (!m.empty() && m.front() == ' ') m.erase(0, 1);
+      bool digits = !m.empty() && m.size() < 4 && std::all_of(m.begin(), m.end(), [](char c) { return c >= '0' && c <= '9'; });
+      if (digits) m = capture::market_name(std::atoi(m.c_str()));
+      if (!Token(m) || m == kCommonRoute) {
+        *why = "markets is a list like SH,SZ, not \"" + value + "\"";
+        return false;
+      }
+      list.push_back(m);
+      at = comma + 1;
+    }
+    s->markets = list;
+  } else if (key == "common") {
+    if (value != "true" && value != "false" && value != "1" && value != "0") {
+      *why = "common is true or false, not \"" + value + "\"";
+      return false;
+    }
+    s->common = value == "true" || value == "1" ? 1 : 0;
   } else if (key == "since") {
     // Unix milliseconds, or -N: N seconds before now.
     if (!ParseInt(value, -(int64_t{1} << 40), int64_t{1} << 50, &n)) {
@@ -132,6 +173,10 @@ int64_t UnixNs() {
 }
 
 }  // namespace
+
+bool apply_setting(Settings* settings, const std::string& key, const std::string& value, std::string* why) {
+  return Apply(settings, key, value, why);
+}
 
 bool read_settings_file(const std::string& path, Settings* settings, std::string* error) {
   std::ifstream in(path);
@@ -375,6 +420,26 @@ std::string l1_subject(const std::string& name, int market, const char* code, si
 
 std::string l2_pattern(const std::string& name, int market, const char* code, size_t max) {
   return name + ".l2.*." + capture::market_name(market) + "." + code_token(code, max);
+}
+
+std::string request_route(uint8_t op, const uint8_t* bytes, size_t size) {
+  int32_t market = -1;
+  switch (op) {
+    case 4: case 5: case 11: case 12: case 13:  // a market's id
+      if (size == 4) std::memcpy(&market, bytes, 4);
+      break;
+    case 7: case 8: case 9: case 10: case 20:  // instruments: the market byte after the code
+      if (size >= sizeof(ApiCodeItem)) market = bytes[offsetof(ApiCodeItem, market)];
+      break;
+    case 16: case 17: case 18: case 19: case 27: case 28: case 29: case 30: case 31: case 32: case 33: case 34:
+    case 35: case 54: case 55:  // history, finance, market push: u16, then the market
+      if (size >= 6) std::memcpy(&market, bytes + 2, 4);
+      break;
+    default:
+      break;
+  }
+  // Market 0 is every market: a question for the gateway of none.
+  return market > 0 ? capture::market_name(market) : std::string(kCommonRoute);
 }
 
 std::string market_subject(const std::string& name, int market) { return name + ".mkt." + capture::market_name(market); }

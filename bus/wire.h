@@ -4,14 +4,14 @@
 // NATS servers.
 //
 // Subjects, under a bus name (setting "name", default "kq"):
-//   <n>.req.<host>            a host's requests to the gateway (request/reply)
-//   <n>.host.<host>           replies routed to one host (history and finance under its own ids)
+//   <n>.req.<M|any>.<host>    a host's requests (request/reply), by market: the gateway of M answers
+//   <n>.host.<host>.<g>       gateway g's replies routed to one host (history and finance under its own ids)
 //   <n>.l1.<M>.<code>         level-1 snapshots           (these five kept by
 //   <n>.l2.<slot>.<M>.<code>  level-2 records              JetStream in the
-//   <n>.mkt.<M>               whole-market packages        stream KQ_<n>)
-//   <n>.push.<slot>           replies nobody asked for
-//   <n>.status                the service's connection
-//   <n>.beat                  the gateway's heartbeat (instance, service state)
+//   <n>.mkt.<M>               whole-market packages        stream of M's gateway)
+//   <n>.push.<g>.<slot>       replies nobody asked for         (with these two, in
+//   <n>.status.<g>            the service's connection          KQ_<n>_<g> of gateway g)
+//   <n>.beat.<g>              gateway g's heartbeat (instance, service state)
 //   <n>.alive.<host>          a host's heartbeat
 // A message holds one or more records of its subject. On the bus the
 // head's two bytes that files keep zero number the records of a subject
@@ -43,6 +43,13 @@ struct Settings {
   bool tls = false;
   bool randomize = true;  // false: the servers in the order listed
   std::string name = "kq";
+  // Gateways that split the markets: each has a name of its own (its
+  // stream KQ_<name>_<gateway>, its heartbeat and its reports) and answers
+  // the requests of its markets; one of them also those tied to none.
+  std::string gateway = "main";
+  std::vector<std::string> markets;  // market tokens ("SH"); empty: all
+  int common = -1;                   // answers requests tied to no market; -1: when it serves all
+  bool serves_common() const { return common < 0 ? markets.empty() : common != 0; }
   int64_t since_ms = 0;  // catch up from this time (Unix ms) at each first subscribe; 0 none
   int retention_hours = 24;
   int replicas = 1;
@@ -54,6 +61,8 @@ struct Settings {
 
 // key = value lines ('#' comments); names as in Settings. False with error
 // naming the line for anything not understood; settings keeps what came before.
+// One setting by its name in the file; false with why.
+bool apply_setting(Settings* settings, const std::string& key, const std::string& value, std::string* why);
 bool read_settings_file(const std::string& path, Settings* settings, std::string* error);
 // KELQUOTE_BUS_URL, _USER, _PASSWORD, _CREDS, _NAME, _SINCE, _TLS_CA,
 // _TLS_CERT, _TLS_KEY; KELQUOTE_BUS_SETTINGS names a file read first
@@ -144,6 +153,12 @@ std::string stream_subject(const std::string& name, int slot, const uint8_t* byt
 std::string l1_subject(const std::string& name, int market, const char* code, size_t max);
 std::string l2_pattern(const std::string& name, int market, const char* code, size_t max);
 std::string market_subject(const std::string& name, int market);
+
+// The subject token a request is routed by: the market it concerns
+// ("SH"), or kCommonRoute for one tied to no market. A subscription list
+// names one market (the host splits a list of several).
+inline constexpr char kCommonRoute[] = "any";
+std::string request_route(uint8_t op, const uint8_t* bytes, size_t size);
 
 // A log line on standard error, at most once a second per site beyond the first few.
 void log_line(const char* who, const std::string& text);

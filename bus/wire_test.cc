@@ -1,5 +1,6 @@
 // What a host or the gateway accepts from the wire: records whose bytes
-// match their own counts, chunks in sequence, settings it can read.
+// match their own counts, chunks in sequence, settings it can read, the
+// subject a request is routed by.
 #include "bus/wire.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "dataapi/ApiRecords.h"
 
@@ -95,6 +97,37 @@ TEST(BusWire, SubjectsAndSettings) {
   EXPECT_EQ(s.replicas, 3);
   EXPECT_FALSE(bus::read_settings_file(path + ".none", &s, &error));
   std::remove(path.c_str());
+
+  // Gateways splitting the markets: names and numbers, the common requests
+  // with the gateway of all markets unless said otherwise.
+  EXPECT_TRUE(s.serves_common());
+  EXPECT_TRUE(bus::apply_setting(&s, "markets", "SH, 1", &error)) << error;
+  EXPECT_EQ(s.markets, (std::vector<std::string>{"SH", "SZ"}));
+  EXPECT_FALSE(s.serves_common());
+  EXPECT_TRUE(bus::apply_setting(&s, "common", "true", &error));
+  EXPECT_TRUE(s.serves_common());
+  EXPECT_FALSE(bus::apply_setting(&s, "markets", "SH,*", &error));
+  EXPECT_FALSE(bus::apply_setting(&s, "markets", "any", &error));
+  EXPECT_FALSE(bus::apply_setting(&s, "gateway", "a.b", &error));
+  EXPECT_TRUE(bus::apply_setting(&s, "markets", "all", &error));
+  EXPECT_TRUE(s.markets.empty());
+
+  // A request goes by the market it concerns; market 0 (all) and the
+  // requests of no market go to the common gateway.
+  int32_t market = 1;
+  EXPECT_EQ(bus::request_route(4, reinterpret_cast<const uint8_t*>(&market), 4), "SZ");
+  market = 0;
+  EXPECT_EQ(bus::request_route(5, reinterpret_cast<const uint8_t*>(&market), 4), bus::kCommonRoute);
+  market = 2;
+  EXPECT_EQ(bus::request_route(14, reinterpret_cast<const uint8_t*>(&market), 4), bus::kCommonRoute);
+  ApiCodeItem item{};
+  item.market = 2;
+  EXPECT_EQ(bus::request_route(7, reinterpret_cast<const uint8_t*>(&item), sizeof(item)), "SH");
+  FinanceRequest finance{};
+  finance.market = 1;
+  EXPECT_EQ(bus::request_route(29, reinterpret_cast<const uint8_t*>(&finance), sizeof(finance)), "SZ");
+  ApiMarketItem push{1, 2};
+  EXPECT_EQ(bus::request_route(54, reinterpret_cast<const uint8_t*>(&push), sizeof(push)), "SH");
 }
 
 }  // namespace

@@ -7,8 +7,10 @@
 #       counted (the service told once, stopped when the last host leaves);
 #       a host killed is taken as dead and its subscriptions end; a host
 #       that asks for what it missed gets it from the stream; the gateway
-#       restarted: a host hears the connection lost and restored and keeps
-#       receiving; a malformed request is refused with a log line.
+#       restarted: a host hears the connection lost and restored (as the
+#       library reports them to its host) and keeps receiving; a malformed
+#       request is refused with a log line; two gateways splitting the
+#       markets, each asked only about its own, one host on both.
 #   bus_test.sh tls BIN          one server that asks for TLS with client
 #       certificates (a CA made here): a host with the CA and its certificate
 #       receives, one without them is refused.
@@ -127,7 +129,7 @@ CONF
   # A malformed request is refused with a line, the gateway goes on.
   body='\x05\x00\x00\x00garbage'
   exec 3<>"/dev/tcp/127.0.0.1/$port" || fail "could not reach the server"
-  printf 'CONNECT {"user":"kq","pass":"%s","verbose":false}\r\nPUB %s.req.evil _INBOX.x 11\r\n'"$body"'\r\nPING\r\n' \
+  printf 'CONNECT {"user":"kq","pass":"%s","verbose":false}\r\nPUB %s.req.any.evil _INBOX.x 11\r\n'"$body"'\r\nPING\r\n' \
     "$KELQUOTE_BUS_PASSWORD" "$KELQUOTE_BUS_NAME" >&3
   read -r -t 5 _ <&3  # INFO
   read -r -t 5 _ <&3  # PONG
@@ -147,6 +149,35 @@ CONF
   # connection gives: 1 (lost, reconnecting), then 0 (restored), nothing else.
   reports=$(grep -o "connection report [0-9]*" "$tmp/survivor.log" | awk '{printf "%s ", $3}')
   [ "$reports" = "1 0 " ] || fail "the host heard the connection reports \"$reports\", not \"1 0 \""
+
+  # Two gateways split the markets (a bus name of their own: the one above
+  # kept every market in its stream): SH's also answers what names no
+  # market, SZ's keeps to SZ. One host on instruments of both.
+  kill -TERM "$gw_pid"; wait "$gw_pid"
+  export KELQUOTE_BUS_NAME=s$$
+  for g in sh sz; do
+    mkdir -p "$tmp/$g/run/ini" "$tmp/$g/userdata/log"
+    cp "$src/config/dravikcfg.dat" "$tmp/$g/run/"
+  done
+  (cd "$tmp/sh/run" && exec "$bin/kelquote_gateway" --nats "$urls" --gateway gsh --markets SH --common \
+    --sim-interval 20 --sim-clock 0 100000) >"$tmp/gateway-sh.log" 2>&1 &
+  pids+=($!)
+  (cd "$tmp/sz/run" && exec "$bin/kelquote_gateway" --nats "$urls" --gateway gsz --markets SZ \
+    --sim-interval 20 --sim-clock 0 100000) >"$tmp/gateway-sz.log" 2>&1 &
+  pids+=($!)
+  for g in sh sz; do
+    wait_line "$tmp/gateway-$g.log" "connected to the quote service" || fail "gateway $g did not connect"
+  done
+  # Bars of the SZ instrument come through SZ's gateway under mapped ids.
+  probe split --seconds 4 --codes SZ:000001,SH:600000,SZ:000002 --min 20 --history || fail "the host of two gateways"
+  for g in sh sz; do grep -q "joined" "$tmp/gateway-$g.log" || fail "the host did not join gateway $g"; done
+  [ "$(count "$tmp/gateway-sh.log" "service: SubscribeL1 600000.SH -> 0")" = 1 ] || fail "SH not subscribed alone at SH's gateway"
+  [ "$(count "$tmp/gateway-sz.log" "service: SubscribeL1 000001.SZ -> 0")" = 1 ] || fail "SZ 000001 not subscribed at SZ's gateway"
+  [ "$(count "$tmp/gateway-sz.log" "service: SubscribeL1 000002.SZ -> 0")" = 1 ] || fail "SZ 000002 not subscribed at SZ's gateway"
+  # Both gateways' replies to the one host, whole (chunks put together per gateway).
+  grep -q "refused 0 " "$tmp/split.log" || fail "the host of two gateways refused messages"
+  grep -q "\.SH" "$tmp/gateway-sz.log" && fail "SZ's gateway was asked about SH"
+  grep -q "\.SZ" "$tmp/gateway-sh.log" && fail "SH's gateway was asked about SZ"
   echo "functional: ok"
   exit 0
 fi

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -75,12 +77,12 @@ int BusApi::Connect(ConnectResult* result) {
     std::snprintf(id, sizeof(id), "%08x%08x%08x%08x", rd(), rd(), rd(), rd());
     host_ = id;
     const std::string& n = settings_.name;
-    for (const std::string& subject : {n + ".host." + host_, n + ".push.>", n + ".status", n + ".beat"}) {
+    for (const std::string& subject : {n + ".host." + host_ + ".*", n + ".push.>", n + ".status.*", n + ".beat.*"}) {
       auto fixed = std::make_unique<Fixed>();
       fixed->api = this;
-      fixed->own = subject == n + ".host." + host_;
+      fixed->own = subject == n + ".host." + host_ + ".*";
       natsStatus st = natsConnection_Subscribe(&fixed->sub, nc_, subject.c_str(),
-                                               subject == n + ".beat" ? &BusApi::OnBeat : &BusApi::OnFixed,
+                                               subject == n + ".beat.*" ? &BusApi::OnBeat : &BusApi::OnFixed,
                                                fixed.get());
       if (st == NATS_OK) natsSubscription_SetPendingLimits(fixed->sub, -1, 1 << 30);
       fixed_.push_back(std::move(fixed));
@@ -102,15 +104,21 @@ int BusApi::Connect(ConnectResult* result) {
   return 0;
 }
 
-int BusApi::hello(std::vector<uint8_t>* filled) {
+int BusApi::hello(std::vector<uint8_t>* filled) { return greet(bus::kCommonRoute, filled); }
+
+int BusApi::greet(const std::string& route, std::vector<uint8_t>* filled) {
   std::vector<uint8_t> out;
-  int rc = request(capture::kConnect, nullptr, 0, &out);
-  // The answer's time rides in its last 8 bytes (see request).
+  int rc = send(capture::kConnect, route, nullptr, 0, &out);
+  // The answer's time rides in its last 8 bytes (see send).
   if (out.size() >= 8) {
     uint64_t ns;
     std::memcpy(&ns, out.data() + out.size() - 8, 8);
-    hello_ns_.store(ns);
+    if (ns > hello_ns_.load()) hello_ns_.store(ns);
     out.resize(out.size() - 8);
+  }
+  if (rc == 0) {
+    std::lock_guard<std::mutex> lock(routes_mu_);
+    greeted_.insert(route);
   }
   if (filled != nullptr) *filled = std::move(out);
   return rc;
@@ -118,15 +126,49 @@ int BusApi::hello(std::vector<uint8_t>* filled) {
 
 int BusApi::request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled) {
   if (nc_ == nullptr) return -1;
+  const auto* data = static_cast<const uint8_t*>(bytes);
+  constexpr size_t kItem = sizeof(ApiCodeItem);
+  // A list of instruments of several markets goes to each market's gateway.
+  if (op >= 7 && op <= 10 && size > kItem && size % kItem == 0) {
+    std::map<uint8_t, std::vector<uint8_t>> by_market;
+    for (size_t at = 0; at < size; at += kItem) {
+      auto& part = by_market[data[at + offsetof(ApiCodeItem, market)]];
+      part.insert(part.end(), data + at, data + at + kItem);
+    }
+    if (by_market.size() > 1) {
+      int rc = 0;
+      for (const auto& [market, part] : by_market) {
+        int one = request(op, part.data(), part.size());
+        if (one < 0 || rc == 0) rc = rc < 0 ? rc : one;
+      }
+      return rc;
+    }
+  }
+  std::string route = op == capture::kConnect || op == capture::kRelease ? std::string(bus::kCommonRoute)
+                                                                          : bus::request_route(op, data, size);
+  if (op != capture::kConnect && op != capture::kRelease) {
+    bool greeted;
+    {
+      std::lock_guard<std::mutex> lock(routes_mu_);
+      greeted = greeted_.count(route) != 0;
+    }
+    // The first request to a market's gateway says hello to it first.
+    if (!greeted && greet(route, nullptr) != 0) return -1;
+  }
+  return send(op, route, bytes, size, filled);
+}
+
+int BusApi::send(uint8_t op, const std::string& route, const void* bytes, size_t size, std::vector<uint8_t>* filled) {
   uint32_t number = number_.fetch_add(1);
   std::vector<uint8_t> out;
   bus::encode(capture::Kind::kRequest, op, bus::next_ns(), &number, 4, bytes, size, nullptr, 0, &out);
   natsMsg* reply = nullptr;
-  std::string subject = settings_.name + ".req." + host_;
+  std::string subject = settings_.name + ".req." + route + "." + host_;
   natsStatus st = natsConnection_Request(&reply, nc_, subject.c_str(), out.data(), static_cast<int>(out.size()),
                                          settings_.request_timeout_ms);
   if (st != NATS_OK) {
-    bus::log_line("bus", std::string(capture::op_name(op)) + ": no answer from the gateway (" + natsStatus_GetText(st) + ")");
+    bus::log_line("bus", std::string(capture::op_name(op)) + ": no answer from the gateway of " + route + " (" +
+                             natsStatus_GetText(st) + ")");
     return -1;
   }
   bus::View v;
@@ -461,7 +503,9 @@ void BusApi::OnFixed(natsConnection*, natsSubscription*, natsMsg* msg, void* clo
   const uint8_t* whole = nullptr;
   size_t size = 0;
   std::string why;
-  if (f->assembly.feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
+  // Chunks are put together per subject: gateways publish side by side.
+  if (f->assemblies.size() > 1000) f->assemblies.clear();  // bounded, whatever strays publish
+  if (f->assemblies[natsMsg_GetSubject(msg)].feed(reinterpret_cast<const uint8_t*>(natsMsg_GetData(msg)), static_cast<size_t>(natsMsg_GetDataLength(msg)),
                        &whole, &size, &why)) {
     bool own = f->own;
     bool ok = bus::for_each_record(whole, size, [&](const bus::View& v) {
@@ -485,15 +529,22 @@ void BusApi::OnFixed(natsConnection*, natsSubscription*, natsMsg* msg, void* clo
 }
 
 void BusApi::OnBeat(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
-  auto* f = static_cast<Fixed*>(closure);
-  if (natsMsg_GetDataLength(msg) == 12) {
+  auto* api = static_cast<Fixed*>(closure)->api;
+  const char* subject = natsMsg_GetSubject(msg);
+  const char* dot = std::strrchr(subject, '.');
+  if (natsMsg_GetDataLength(msg) == 12 && dot != nullptr) {
     uint64_t instance;
     std::memcpy(&instance, natsMsg_GetData(msg), 8);
-    // The first gateway heard is the one this host knows.
-    uint64_t expected = 0;
-    f->api->instance_.compare_exchange_strong(expected, instance);
-    if (f->api->instance_.load() == instance) f->api->beat_at_ms_.store(NowMs());
-    else f->api->beat_at_ms_.store(-NowMs());  // another gateway: this one restarted
+    std::lock_guard<std::mutex> lock(api->routes_mu_);
+    // The first instance heard of a gateway is the one this host knows;
+    // another one means that gateway restarted.
+    auto [it, fresh] = api->gateways_.emplace(dot + 1, std::make_pair(instance, NowMs()));
+    if (!fresh && it->second.first != instance) {
+      it->second.first = instance;
+      api->gateway_restarted_.store(true);
+      api->monitor_cv_.notify_all();
+    }
+    it->second.second = NowMs();
   }
   natsMsg_Destroy(msg);
 }
@@ -512,7 +563,16 @@ void BusApi::OnError(natsConnection*, natsSubscription*, natsStatus err, void* c
 }
 
 bool BusApi::restore() {
-  if (hello(nullptr) != 0) return false;
+  // Hello again to every gateway this host used, each of which may have restarted.
+  std::set<std::string> routes;
+  {
+    std::lock_guard<std::mutex> lock(routes_mu_);
+    routes = greeted_;
+  }
+  routes.insert(bus::kCommonRoute);
+  for (const std::string& route : routes) {
+    if (greet(route, nullptr) != 0) return false;
+  }
   std::vector<ApiCodeItem> l1, l2;
   std::vector<ApiMarketItem> markets;
   std::vector<Stream*> all;
@@ -544,10 +604,16 @@ void BusApi::monitor() {
   std::unique_lock<std::mutex> lock(monitor_mu_);
   while (!stopping_) {
     lock.unlock();
+    // The least recent beat of the gateways heard (before any, the connect).
     int64_t beat = beat_at_ms_.load();
-    // The gateway forgot this host (it was silent too long): as after a
-    // restart, the host hears the connection lost and joins again.
-    bool restarted = beat < 0 || forgotten_.exchange(false);
+    {
+      std::lock_guard<std::mutex> routes_lock(routes_mu_);
+      if (!gateways_.empty()) beat = INT64_MAX;
+      for (const auto& [name, seen] : gateways_) beat = std::min(beat, seen.second);
+    }
+    // A gateway restarted, or forgot this host (it was silent too long):
+    // the host hears the connection lost and joins again.
+    bool restarted = gateway_restarted_.exchange(false) || forgotten_.exchange(false);
     bool silent = !restarted && NowMs() - beat > settings_.dead_ms;
     CDataApiCallBack* cb = callback_.load();
     if (up && (silent || restarted)) {
@@ -562,8 +628,7 @@ void BusApi::monitor() {
       }
     }
     if (restarted) {
-      instance_.store(0);  // the next beat names the new gateway
-      beat_at_ms_.store(0);
+      // Restored from the next round on, when the gateways answer.
     } else if (!up && !silent && beat > 0 && restore()) {
       up = true;
     } else if (up && catch_up_all_.exchange(false)) {
@@ -615,11 +680,22 @@ void BusApi::teardown() {
   l1_.clear();
   l2_.clear();
   markets_.clear();
-  instance_.store(0);
+  std::lock_guard<std::mutex> routes_lock(routes_mu_);
+  gateways_.clear();
+  greeted_.clear();
 }
 
 int BusApi::Release() {
-  int rc = nc_ != nullptr ? request(capture::kRelease, nullptr, 0) : 0;
+  // Every gateway this host used lets it go.
+  int rc = 0;
+  if (nc_ != nullptr) {
+    std::set<std::string> routes;
+    {
+      std::lock_guard<std::mutex> lock(routes_mu_);
+      routes = greeted_;
+    }
+    for (const std::string& route : routes) rc = std::min(rc, send(capture::kRelease, route, nullptr, 0, nullptr));
+  }
   // The library releases from inside a callback (the service closing the
   // session) as well: the monitor thread ends on its own then.
   teardown();

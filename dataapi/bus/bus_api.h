@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -110,7 +111,7 @@ class BusApi final : public CDataApi {
     BusApi* api;
     bool own = false;  // the host's own subject
     natsSubscription* sub = nullptr;
-    bus::Assembly assembly;
+    std::map<std::string, bus::Assembly> assemblies;  // by subject
   };
 
   template <typename T>
@@ -118,8 +119,12 @@ class BusApi final : public CDataApi {
     return request(op, r, r != nullptr ? sizeof(T) : 0);
   }
   int request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled = nullptr);
-  // Says hello to the gateway: its result; remembers when the gateway answered.
+  // Says hello to the gateway of requests tied to no market (greet: of a
+  // route, a market or kCommonRoute): its result; remembers when it answered.
   int hello(std::vector<uint8_t>* filled);
+  int greet(const std::string& route, std::vector<uint8_t>* filled);
+  // One request to the gateway of route.
+  int send(uint8_t op, const std::string& route, const void* bytes, size_t size, std::vector<uint8_t>* filled);
   int subscribe(uint8_t op, const ApiCodeItem* items, int32_t count);
   int subscribe_market(uint8_t op, const ApiMarketItem* item);
   // Callers hold mu_. The stream of subject, made and subscribed when new.
@@ -156,8 +161,11 @@ class BusApi final : public CDataApi {
   std::map<int32_t, ApiMarketItem> markets_;
   std::vector<std::unique_ptr<Fixed>> fixed_;
 
-  std::atomic<int64_t> beat_at_ms_{0};
-  std::atomic<uint64_t> instance_{0};
+  std::atomic<int64_t> beat_at_ms_{0};  // the connect's time, before any gateway beats
+  std::mutex routes_mu_;
+  std::map<std::string, std::pair<uint64_t, int64_t>> gateways_;  // by name: instance, last beat (ms)
+  std::set<std::string> greeted_;  // routes whose gateway this host said hello to
+  std::atomic<bool> gateway_restarted_{false};
   std::atomic<bool> catch_up_all_{false};
   std::atomic<bool> forgotten_{false};
   std::atomic<uint64_t> hello_ns_{0};  // the gateway's time of its last hello answer  // the gateway said it does not know this host
