@@ -4,9 +4,10 @@
 // subscribed come from their subjects, and what the host missed (since a
 // configured time, while its server changed, or while it was too slow) it
 // fetches from the gateway's JetStream stream, before the live records and
-// in order. The gateway's heartbeat stands for the service's connection:
-// when it stops the host hears the connection lost, and when it comes back
+// in order. The gateways' heartbeats stand for the service's connection:
+// when one stops the host hears the connection lost, and when it comes back
 // its subscriptions are made again and it hears the connection restored.
+// Requests go by market to the gateway serving it (several may split them).
 #ifndef KELQUOTE_DATAAPI_BUS_BUS_API_H_
 #define KELQUOTE_DATAAPI_BUS_BUS_API_H_
 
