@@ -130,8 +130,14 @@ bool Gateway::start(std::string* error) {
     cfg.Replicas = settings_.replicas;
     cfg.Discard = js_DiscardOld;
     jsErrCode code = static_cast<jsErrCode>(0);
-    st = js_AddStream(nullptr, js, &cfg, nullptr, &code);
-    if (st != NATS_OK) st = js_UpdateStream(nullptr, js, &cfg, nullptr, &code);
+    // A cluster that has just started may not yet place a stream on its
+    // replicas: asked again for up to 10 s.
+    for (int attempt = 0; attempt < 50; ++attempt) {
+      if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      st = js_AddStream(nullptr, js, &cfg, nullptr, &code);
+      if (st != NATS_OK) st = js_UpdateStream(nullptr, js, &cfg, nullptr, &code);
+      if (st == NATS_OK || std::strstr(nats_GetLastError(nullptr), "no suitable peers") == nullptr) break;
+    }
     if (st != NATS_OK) {
       *error = "stream " + stream + ": " + natsStatus_GetText(st) + " (" + nats_GetLastError(nullptr) + ")";
     }
