@@ -1,6 +1,8 @@
 #include "bus/gateway.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <unordered_map>
@@ -96,13 +98,22 @@ bool Gateway::start(std::string* error) {
   // The publisher thread packs what is queued per subject: a message goes
   // out as soon as it is made.
   handlers.send_asap = true;
+  handlers.no_reconnect_buffer = true;
   nc_ = connect(settings_, "kelquote_gateway", handlers, error);
   if (nc_ == nullptr) return false;
   const std::string& n = settings_.name;
-  // The stream keeps what hosts may ask for again; publishes go to it as
-  // plain messages, so that the service's thread never waits for an ack.
-  jsCtx* js = nullptr;
-  natsStatus st = natsConnection_JetStream(&js, nc_, nullptr);
+  // The stream keeps what hosts may ask for again. Publishes to it are
+  // acknowledged asynchronously, up to a window in flight: only the
+  // publisher thread ever waits for the stream.
+  jsOptions jo;
+  jsOptions_Init(&jo);
+  jo.PublishAsync.MaxPending = 1024;
+  jo.PublishAsync.StallWait = 1000;
+  jo.PublishAsync.ErrHandler = &Gateway::OnAckError;
+  jo.PublishAsync.ErrHandlerClosure = this;
+  natsStatus st = natsConnection_JetStream(&js_, nc_, &jo);
+  if (st == NATS_OK) st = natsStatistics_Create(&nc_stats_);
+  jsCtx* js = js_;
   if (st == NATS_OK) {
     // Each gateway its own stream: its markets' subjects, its reports.
     const std::string& g = settings_.gateway;
@@ -129,6 +140,8 @@ bool Gateway::start(std::string* error) {
     cfg.MaxBytes = settings_.max_bytes;
     cfg.Replicas = settings_.replicas;
     cfg.Discard = js_DiscardOld;
+    // Long enough for a message sent again after a failover to be known.
+    cfg.Duplicates = int64_t{120} * 1000000000LL;
     jsErrCode code = static_cast<jsErrCode>(0);
     // A cluster that has just started may not yet place a stream on its
     // replicas: asked again for up to 10 s.
@@ -141,7 +154,6 @@ bool Gateway::start(std::string* error) {
     if (st != NATS_OK) {
       *error = "stream " + stream + ": " + natsStatus_GetText(st) + " (" + nats_GetLastError(nullptr) + ")";
     }
-    jsCtx_Destroy(js);
   } else {
     *error = std::string("JetStream: ") + natsStatus_GetText(st);
   }
@@ -200,12 +212,29 @@ void Gateway::stop() {
   if (alive_sub_ != nullptr) natsSubscription_Unsubscribe(alive_sub_);
   natsSubscription_Destroy(alive_sub_);
   alive_sub_ = nullptr;
+  if (js_ != nullptr && held_.empty()) {
+    jsPubOptions po;
+    jsPubOptions_Init(&po);
+    po.MaxWait = 2000;
+    js_PublishAsyncComplete(js_, &po);
+  }
   if (nc_ != nullptr) {
     natsConnection_FlushTimeout(nc_, 1000);
     natsConnection_Close(nc_);
-    natsConnection_Destroy(nc_);
-    nc_ = nullptr;
   }
+  if (js_ != nullptr) jsCtx_Destroy(js_);
+  js_ = nullptr;
+  if (nc_ != nullptr) natsConnection_Destroy(nc_);
+  nc_ = nullptr;
+  for (natsMsg* m : held_) natsMsg_Destroy(m);
+  held_.clear();
+  {
+    std::lock_guard<std::mutex> lock(failed_mu_);
+    for (natsMsg* m : unacked_) natsMsg_Destroy(m);
+    unacked_.clear();
+  }
+  natsStatistics_Destroy(nc_stats_);
+  nc_stats_ = nullptr;
 }
 
 Gateway::Stats Gateway::stats() {
@@ -275,21 +304,37 @@ void Gateway::publish_loop() {
   // message per subject and batch rather than one per record.
   constexpr size_t kPackBytes = 64 << 10;
   const std::string l2_prefix = settings_.name + ".l2.";
+  const std::string host_prefix = settings_.name + ".host.";
   std::unordered_map<std::string, size_t> index;
   std::vector<std::pair<std::string, std::vector<uint8_t>>> packs;
   size_t used = 0;
   auto flush = [&](std::pair<std::string, std::vector<uint8_t>>& pack) {
     if (pack.second.empty()) return;
-    publish(nc_, pack.first.c_str(), pack.second.data(), pack.second.size());
+    if (pack.first.compare(0, host_prefix.size(), host_prefix) == 0) {
+      // A reply is one host's: plain, again once the connection is back.
+      while (publish(nc_, pack.first.c_str(), pack.second.data(), pack.second.size()) != NATS_OK &&
+             natsConnection_Status(nc_) != NATS_CONN_STATUS_CLOSED && wait_connected()) {
+      }
+    } else {
+      send_kept(pack.first, pack.second.data(), pack.second.size());
+    }
     pack.second.clear();
   };
   for (;;) {
+    // Nothing newer goes before what a dead server lost; meanwhile the
+    // queue fills (and drops past its bound).
+    while (must_resend() && !resend()) {
+      std::lock_guard<std::mutex> lock(out_mu_);
+      if (out_stop_) return;
+    }
     {
       std::unique_lock<std::mutex> lock(out_mu_);
       if (out_.empty() && !out_stop_) {
         out_waiting_ = true;
-        out_cv_.wait(lock, [this] { return !out_.empty() || out_stop_; });
+        // Woken now and then to see to failed acks.
+        out_cv_.wait_for(lock, std::chrono::milliseconds(100), [this] { return !out_.empty() || out_stop_; });
         out_waiting_ = false;
+        if (out_.empty() && !out_stop_) continue;
       }
       if (out_.empty() && out_stop_) return;
       batch.swap(out_);
@@ -333,6 +378,136 @@ void Gateway::publish_loop() {
     batch.clear();
     if (batch.capacity() > (size_t{8} << 20)) batch.shrink_to_fit();
   }
+}
+
+bool Gateway::wait_connected() {
+  while (natsConnection_Status(nc_) != NATS_CONN_STATUS_CONNECTED) {
+    if (natsConnection_Status(nc_) == NATS_CONN_STATUS_CLOSED) return false;
+    {
+      std::lock_guard<std::mutex> lock(out_mu_);
+      if (out_stop_) return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+uint64_t Gateway::reconnects() {
+  uint64_t r = 0;
+  if (natsConnection_GetStats(nc_, nc_stats_) == NATS_OK) {
+    natsStatistics_GetCounts(nc_stats_, nullptr, nullptr, nullptr, nullptr, &r);
+  }
+  return r;
+}
+
+bool Gateway::connection_changed() {
+  return ack_failed_.load() || natsConnection_Status(nc_) != NATS_CONN_STATUS_CONNECTED || reconnects() != reconnects_;
+}
+
+bool Gateway::must_resend() { return !held_.empty() || connection_changed(); }
+
+natsStatus Gateway::publish_js(natsMsg** msg) {
+  jsPubOptions po;
+  jsPubOptions_Init(&po);
+  po.MaxWait = 2000;  // an ack not back by then is taken as lost
+  for (;;) {
+    natsStatus st = js_PublishMsgAsync(js_, msg, &po);
+    // A full window: acks are late, not lost, while the connection holds.
+    if (st != NATS_TIMEOUT || connection_changed()) return st;
+  }
+}
+
+void Gateway::send_kept(const std::string& subject, const uint8_t* data, size_t size) {
+  char instance[24];
+  std::snprintf(instance, sizeof(instance), "%016llx", static_cast<unsigned long long>(instance_));
+  split(nc_, data, size, 256, [&](const uint8_t* p, size_t n) {
+    natsMsg* m = nullptr;
+    if (natsMsg_Create(&m, subject.c_str(), nullptr, reinterpret_cast<const char*>(p), static_cast<int>(n)) != NATS_OK) {
+      return NATS_NO_MEMORY;
+    }
+    std::string id = settings_.gateway + "." + instance + "." + std::to_string(++msg_number_);
+    natsMsgHeader_Set(m, "Nats-Msg-Id", id.c_str());
+    if (!must_resend() && publish_js(&m) == NATS_OK) return NATS_OK;
+    held_.push_back(m);
+    return NATS_OK;
+  });
+}
+
+uint64_t Gateway::MsgNumber(natsMsg* msg) {
+  const char* id = nullptr;
+  if (natsMsgHeader_Get(msg, "Nats-Msg-Id", &id) != NATS_OK || id == nullptr) return 0;
+  const char* dot = std::strrchr(id, '.');
+  return std::strtoull(dot != nullptr ? dot + 1 : id, nullptr, 10);
+}
+
+void Gateway::OnAckError(jsCtx*, jsPubAckErr* pae, void* self) {
+  auto* g = static_cast<Gateway*>(self);
+  if (pae->Msg == nullptr) return;
+  if (pae->ErrCode != 0) {
+    // The stream refused it outright: sending it again would not help.
+    log_line("gateway", std::string("stream refused a message on ") + natsMsg_GetSubject(pae->Msg) + ": " +
+                            (pae->ErrText != nullptr ? pae->ErrText : natsStatus_GetText(pae->Err)));
+    return;
+  }
+  natsMsg* copy = nullptr;
+  if (natsMsg_Create(&copy, natsMsg_GetSubject(pae->Msg), nullptr, natsMsg_GetData(pae->Msg),
+                     natsMsg_GetDataLength(pae->Msg)) != NATS_OK) {
+    return;
+  }
+  const char* id = nullptr;
+  if (natsMsgHeader_Get(pae->Msg, "Nats-Msg-Id", &id) == NATS_OK && id != nullptr) {
+    natsMsgHeader_Set(copy, "Nats-Msg-Id", id);
+  }
+  std::lock_guard<std::mutex> lock(g->failed_mu_);
+  g->unacked_.push_back(copy);
+  g->ack_failed_.store(true);
+}
+
+bool Gateway::resend() {
+  if (!wait_connected()) return false;
+  bool after_failure = ack_failed_.exchange(false);
+  uint64_t now_reconnects = reconnects();
+  bool after_reconnect = now_reconnects != reconnects_;
+  reconnects_ = now_reconnects;
+  // A stream that failed to acknowledge (a leader being elected) is given a
+  // moment rather than the same messages at once.
+  if (after_failure && !after_reconnect) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::vector<natsMsg*> all(held_.begin(), held_.end());
+  held_.clear();
+  natsMsgList pending{};
+  if (js_PublishAsyncGetPendingList(&pending, js_) == NATS_OK) {
+    for (int i = 0; i < pending.Count; ++i) {
+      all.push_back(pending.Msgs[i]);
+      pending.Msgs[i] = nullptr;
+    }
+    natsMsgList_Destroy(&pending);
+  }
+  {
+    std::lock_guard<std::mutex> lock(failed_mu_);
+    all.insert(all.end(), unacked_.begin(), unacked_.end());
+    unacked_.clear();
+  }
+  std::vector<std::pair<uint64_t, natsMsg*>> ordered;
+  for (natsMsg* m : all) ordered.emplace_back(MsgNumber(m), m);
+  std::sort(ordered.begin(), ordered.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (size_t i = 0; i < ordered.size(); ++i) {
+    if (i > 0 && ordered[i].first == ordered[i - 1].first) {
+      natsMsg_Destroy(ordered[i].second);
+    } else {
+      held_.push_back(ordered[i].second);
+    }
+  }
+  if (!held_.empty()) {
+    log_line("gateway", "sending " + std::to_string(held_.size()) + " unacknowledged messages again" +
+                            (after_reconnect ? " after a reconnect" : ""));
+  }
+  while (!held_.empty()) {
+    natsMsg* m = held_.front();
+    if (publish_js(&m) != NATS_OK) return false;
+    held_.pop_front();
+  }
+  return true;
 }
 
 void Gateway::route(int slot, const uint8_t* bytes, size_t size, const std::vector<uint8_t>& encoded) {

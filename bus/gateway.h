@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
@@ -164,6 +165,31 @@ class Gateway final : public CDataApiCallBack {
   std::chrono::steady_clock::time_point drop_told_at_{};
   std::thread publisher_;
   std::unordered_map<std::string, uint16_t> seq_;  // the publisher's: last number per subject
+
+  // Kept records go to JetStream acknowledged, each message with an id the
+  // stream deduplicates by. What a dead server may have lost (unacknowledged
+  // at a reconnect, or refused) is sent again, in order, before anything
+  // newer: a host then misses nothing and drops what it already had.
+  // The publisher thread's, but for unacked_ (the library's ack thread).
+  void send_kept(const std::string& subject, const uint8_t* data, size_t size);
+  bool must_resend();
+  bool connection_changed();
+  natsStatus publish_js(natsMsg** msg);
+  uint64_t reconnects();
+  bool wait_connected();  // false once stopping or closed
+  // Waits for the connection, then sends again what is unacknowledged or
+  // held, oldest first. False while something could not yet go.
+  bool resend();
+  static void OnAckError(jsCtx*, jsPubAckErr* pae, void* self);
+  static uint64_t MsgNumber(natsMsg* msg);
+  jsCtx* js_ = nullptr;
+  natsStatistics* nc_stats_ = nullptr;
+  uint64_t reconnects_ = 0;
+  uint64_t msg_number_ = 0;
+  std::deque<natsMsg*> held_;  // not handed to the library, in order
+  std::mutex failed_mu_;
+  std::vector<natsMsg*> unacked_;  // copies of what the stream refused or never acknowledged
+  std::atomic<bool> ack_failed_{false};
 
   std::mutex beat_mu_;
   std::condition_variable beat_cv_;

@@ -264,7 +264,7 @@ natsConnection* connect(const Settings& s, const std::string& client_name, const
   if (!s.randomize) step(natsOptions_SetNoRandomize(opts, true));
   step(natsOptions_SetMaxReconnect(opts, -1));
   step(natsOptions_SetReconnectWait(opts, 100));
-  step(natsOptions_SetReconnectBufSize(opts, 64 << 20));
+  step(natsOptions_SetReconnectBufSize(opts, h.no_reconnect_buffer ? 1 : 64 << 20));
   step(natsOptions_SetMaxPendingMsgs(opts, 1 << 20));
   step(natsOptions_SetTimeout(opts, 2000));
   step(natsOptions_SetPingInterval(opts, 1000));
@@ -351,9 +351,17 @@ bool decode(const uint8_t* data, size_t size, View* view, std::string* why) {
 }
 
 natsStatus publish(natsConnection* nc, const char* subject, const uint8_t* data, size_t size) {
+  return split(nc, data, size, 0, [&](const uint8_t* p, size_t n) {
+    return natsConnection_Publish(nc, subject, p, static_cast<int>(n));
+  });
+}
+
+natsStatus split(natsConnection* nc, const uint8_t* data, size_t size, size_t reserve,
+                 const std::function<natsStatus(const uint8_t*, size_t)>& send) {
   int64_t limit = natsConnection_GetMaxPayload(nc);
   if (limit <= 0) limit = 1 << 20;
-  if (static_cast<int64_t>(size) <= limit) return natsConnection_Publish(nc, subject, data, static_cast<int>(size));
+  limit -= static_cast<int64_t>(reserve);
+  if (static_cast<int64_t>(size) <= limit) return send(data, size);
   size_t piece = static_cast<size_t>(limit) - kChunkHead;
   uint32_t count = static_cast<uint32_t>((size + piece - 1) / piece);
   std::vector<uint8_t> chunk(kChunkHead + piece);
@@ -364,7 +372,7 @@ natsStatus publish(natsConnection* nc, const char* subject, const uint8_t* data,
     std::memcpy(chunk.data() + 4, &i, 4);
     std::memcpy(chunk.data() + 8, &count, 4);
     std::memcpy(chunk.data() + kChunkHead, data + i * piece, n);
-    st = natsConnection_Publish(nc, subject, chunk.data(), static_cast<int>(kChunkHead + n));
+    st = send(chunk.data(), kChunkHead + n);
   }
   return st;
 }

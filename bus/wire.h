@@ -26,6 +26,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -81,6 +82,9 @@ struct Handlers {
   // Each publish goes out on the calling thread, not after the client's
   // flusher thread has waited for more (about a millisecond).
   bool send_asap = false;
+  // Publishes fail while reconnecting instead of waiting in the library's
+  // buffer: the caller resends them itself, after what the dead server lost.
+  bool no_reconnect_buffer = false;
 };
 natsConnection* connect(const Settings& settings, const std::string& client_name, const Handlers& handlers,
                         std::string* error);
@@ -132,6 +136,10 @@ bool for_each_record(const uint8_t* data, size_t size, Fn&& fn, std::string* why
 
 // Publishes bytes on subject, in chunks when beyond the connection's limit.
 natsStatus publish(natsConnection* nc, const char* subject, const uint8_t* data, size_t size);
+// The messages publish would send, each handed to send in order; reserve:
+// bytes of the server's limit kept for headers. Stops at the first failure.
+natsStatus split(natsConnection* nc, const uint8_t* data, size_t size, size_t reserve,
+                 const std::function<natsStatus(const uint8_t*, size_t)>& send);
 
 // Puts chunks of one subject back together.
 class Assembly {

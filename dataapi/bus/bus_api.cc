@@ -346,27 +346,61 @@ bool BusApi::fetch(const std::string& subject, uint64_t since,
   return ok;
 }
 
+bool BusApi::whole(const std::vector<Stream*>& streams,
+                   const std::vector<std::pair<uint64_t, std::pair<Stream*, std::vector<uint8_t>*>>>& order) {
+  for (Stream* s : streams) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    uint16_t next = s->next_seq;
+    uint64_t last = s->last_ns;
+    auto follows = [&](const uint8_t* bytes, size_t size) {
+      bus::View v;
+      std::string why;
+      if (!bus::decode(bytes, size, &v, &why) || v.ns <= last) return true;
+      if (next != 0 && v.seq != 0 && v.seq != next) return false;
+      last = v.ns;
+      next = v.seq == 0 ? 0 : static_cast<uint16_t>(v.seq == 65535 ? 1 : v.seq + 1);
+      return true;
+    };
+    for (const auto& [ns, where] : order) {
+      if (where.first == s && !follows(where.second->data(), where.second->size())) return false;
+    }
+    for (const auto& bytes : s->pending) {
+      if (!follows(bytes.data(), bytes.size())) return false;
+    }
+  }
+  return true;
+}
+
 void BusApi::catch_up(std::vector<Stream*> streams) {
   std::vector<std::pair<uint64_t, std::vector<uint8_t>>> records;
-  std::map<const std::vector<uint8_t>*, Stream*> owner;
   std::vector<size_t> ends;
-  for (Stream* s : streams) {
-    uint64_t since;
-    {
-      std::lock_guard<std::mutex> lock(s->mu);
-      s->catching = true;
-      since = s->last_ns;
-    }
-    if (since != 0) fetch(s->subject, since, &records);
-    ends.push_back(records.size());
-  }
-  // Which stream each record belongs to, then all in time order.
   std::vector<std::pair<uint64_t, std::pair<Stream*, std::vector<uint8_t>*>>> order;
-  for (size_t i = 0, k = 0; i < records.size(); ++i) {
-    while (k < ends.size() && i >= ends[k]) ++k;
-    order.push_back({records[i].first, {streams[k], &records[i].second}});
+  // Right after a failover the stream may not yet hold what the gateway is
+  // sending it again: while the numbering still has a hole, read again a
+  // moment later (a while at most, then what is missing is lost).
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    records.clear();
+    ends.clear();
+    order.clear();
+    for (Stream* s : streams) {
+      uint64_t since;
+      {
+        std::lock_guard<std::mutex> lock(s->mu);
+        s->catching = true;
+        since = s->last_ns;
+      }
+      if (since != 0) fetch(s->subject, since, &records);
+      ends.push_back(records.size());
+    }
+    // Which stream each record belongs to, then all in time order.
+    for (size_t i = 0, k = 0; i < records.size(); ++i) {
+      while (k < ends.size() && i >= ends[k]) ++k;
+      order.push_back({records[i].first, {streams[k], &records[i].second}});
+    }
+    std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    if (whole(streams, order)) break;
   }
-  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   for (auto& [ns, where] : order) {
     Stream* s = where.first;
     bus::View v;

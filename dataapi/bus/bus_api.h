@@ -132,6 +132,10 @@ class BusApi final : public CDataApi {
   Stream* open_stream(const std::string& subject, bool* fresh);
   void close_stream(const std::string& subject);
   void catch_up(std::vector<Stream*> streams);
+  // True when the records (time order) and what each stream holds back
+  // follow on from what it delivered without a hole in the numbering.
+  bool whole(const std::vector<Stream*>& streams,
+             const std::vector<std::pair<uint64_t, std::pair<Stream*, std::vector<uint8_t>*>>>& order);
   bool fetch(const std::string& subject, uint64_t since, std::vector<std::pair<uint64_t, std::vector<uint8_t>>>* out);
   void deliver(const bus::View& v);
   // Callers hold s->mu: hands a stream's record on and counts it; a record
