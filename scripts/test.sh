@@ -6,9 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-# The Python package, the store's databases and its Python reader.
+# The Python package, the store's databases and its Python reader, the bus
+# and its tests against real servers.
 scripts/install-deps.sh pybind11-dev python3-dev python3-numpy python3-pandas python3-pytest \
-  libsqlite3-dev libpq-dev postgresql python3-psycopg2
+  libsqlite3-dev libpq-dev postgresql python3-psycopg2 nats-server libnats-dev
 
 jobs=$(nproc 2>/dev/null || echo 2)
 flavours=${KELQUOTE_FLAVOURS:-"release asan tsan"}
