@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include "capture/catalog.h"
-#include "capture/record_size.h"
+#include "dataapi/record_size.h"
 
 namespace bus {
 
@@ -246,7 +246,7 @@ Gateway::Stats Gateway::stats() {
 int Gateway::on_record(int slot, const void* record) {
   if (record == nullptr || nc_ == nullptr) return -1;
   const auto* bytes = static_cast<const uint8_t*>(record);
-  size_t size = capture::callback_size(slot, record);
+  size_t size = api_record::size(slot, record);
   if (size == 0) {
     refused_.fetch_add(1, std::memory_order_relaxed);
     log_line("gateway", std::string(capture::slot_name(slot)) + ": count out of range, record dropped");

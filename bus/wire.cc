@@ -13,7 +13,7 @@
 #include <mutex>
 
 #include "capture/catalog.h"
-#include "capture/record_size.h"
+#include "dataapi/record_size.h"
 #include "dataapi/ApiRecords.h"
 
 namespace bus {
@@ -333,12 +333,12 @@ bool decode(const uint8_t* data, size_t size, View* view, std::string* why) {
       *why = "connection status of " + std::to_string(view->size) + " bytes";
       return false;
     }
-    size_t least = capture::min_record_bytes(view->code);
+    size_t least = api_record::min_bytes(view->code);
     if (least == 0 || capture::slot_callback(view->code) == nullptr) {
       *why = "callback slot " + std::to_string(view->code) + " carries no record";
       return false;
     }
-    if (view->size < least || capture::callback_size(view->code, view->payload) != view->size) {
+    if (view->size < least || api_record::size(view->code, view->payload) != view->size) {
       *why = std::string(capture::slot_name(view->code)) + " of " + std::to_string(view->size) +
              " bytes disagrees with its count";
       return false;

@@ -17,83 +17,47 @@ namespace tavr {
 
 namespace {
 
-using Shape = CopyRule::Shape;
 
 // name, slot, type, shape, head, elem, count offset, u16, u32, spare byte(s)
-constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, 0, Shape::kHeadPlus, 132, 84, 44, false, false, 1};
-constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, 1, Shape::kHeadPlus, 107, 98, 5, false, false, 1};
-constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 2, 3, Shape::kHeadPlus, 378, 370, 4, false, false, 1};
-constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 3, 4, Shape::kFixed, 249, 0, 0, false, false, 1,
+constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, 0, api_record::layout(0), 1};
+constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, 1, api_record::layout(1), 1};
+constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 2, 3, api_record::layout(2), 1};
+constexpr CopyRule kTickL1{"CMyCallBackPro::OnTickL1", 3, 4, api_record::layout(3), 1,
                            CopyRule::Key::kTickL1};
-constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 4, 13, Shape::kHisData, 62, 0, 50, false, false, 1,
+constexpr CopyRule kHisData{"CMyCallBackPro::OnRespHisData", 4, 13, api_record::layout(4), 1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 5, 15, Shape::kHeadPlus, 12, 4, 4, false, false, 1};
-constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 6, 16, Shape::kHeadPlus, 304, 264, 38, true, false, 1};
-constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 7, 17, Shape::kHeadPlus, 174, 170, 0, false, false, 1};
-constexpr CopyRule kHotListData{"CMyCallBackPro::OnRespHotListData", 8, 18, Shape::kHeadPlus, 158, 148, 6, false, false,
-                                1};
-constexpr CopyRule kHotList{"CMyCallBackPro::OnHotList", 9, 19, Shape::kHeadPlus, 156, 148, 4, false, false, 1};
-constexpr CopyRule kMarketStatus{"CMyCallBackPro::OnMarketStatus", 10, 2, Shape::kFixed, 13, 0, 0, false, false, 1};
-constexpr CopyRule kHisDataCount{"CMyCallBackPro::OnRespHisDataCount", 11, 14, Shape::kHeadPlus, 54, 8, 42, false, false,
-                                 0};
-constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 12, 25, Shape::kHeadPlus, 5, 1, 0, false, true, 1};
-constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 17, 24, Shape::kFixed, 8, 0, 0, false, false, 1};
-constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 18, 25, Shape::kHeadPlus, 140, 136, 0, false, false,
-                              1};
-constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 22, 6, Shape::kLevel2, 8, 504, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 23, 7, Shape::kLevel2, 8, 108, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 24, 8, Shape::kLevel2, 8, 79, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 25, 9, Shape::kLevel2, 8, 62, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 26, 10, Shape::kLevel2, 8, 864, 4, false, false, 1, CopyRule::Key::kLevel2};
-constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 29, 30, Shape::kHeadPlus, 338, 296, 38, false, false, 1};
-constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 30, 31, Shape::kHeadPlus, 30, 16, 10, false, false, 1};
-constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 31, 32, Shape::kFixed, 326, 0, 0, false, false, 1};
-constexpr CopyRule kLatestShare{"CMyCallBackPro::OnRespLatestShareData", 32, 33, Shape::kHeadPlus, 74, 64, 6, false,
-                                false, 1};
-constexpr CopyRule kFinancial{"CMyCallBackPro::OnRespFinancialData", 33, 34, Shape::kHeadPlus, 614, 572, 38, false, false,
-                              1};
-constexpr CopyRule kIncome{"CMyCallBackPro::OnRespIncomeStatData", 34, 35, Shape::kHeadPlus, 581, 539, 38, false, false,
-                           1};
-constexpr CopyRule kCashFlow{"CMyCallBackPro::OnRespCashFlowData", 35, 36, Shape::kHeadPlus, 733, 691, 38, false, false,
-                             1};
-constexpr CopyRule kBalance{"CMyCallBackPro::OnRespBalanceSheetData", 36, 37, Shape::kHeadPlus, 837, 795, 38, false,
-                            false, 1};
-constexpr CopyRule kSHNumber{"CMyCallBackPro::OnRespSHNumberData", 37, 38, Shape::kHeadPlus, 122, 80, 38, false, false,
-                             1};
-constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 38, 39, Shape::kHeadPlus, 2242, 2200, 38,
-                               false, false, 1};
-constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 39, 40, Shape::kHeadPlus, 2242, 2200,
-                               38, false, false, 1};
-constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 45, 12, Shape::kHeadPlus, 138, 80, 54, false, false,
-                            1,
+constexpr CopyRule kHoliday{"CMyCallBackPro::OnRespHolidayInfo", 5, 15, api_record::layout(5), 1};
+constexpr CopyRule kPower{"CMyCallBackPro::OnRespPower", 6, 16, api_record::layout(6), 1};
+constexpr CopyRule kHotListDef{"CMyCallBackPro::OnRespHotListDef", 7, 17, api_record::layout(7), 1};
+constexpr CopyRule kHotListData{"CMyCallBackPro::OnRespHotListData", 8, 18, api_record::layout(8), 1};
+constexpr CopyRule kHotList{"CMyCallBackPro::OnHotList", 9, 19, api_record::layout(9), 1};
+constexpr CopyRule kMarketStatus{"CMyCallBackPro::OnMarketStatus", 10, 2, api_record::layout(10), 1};
+constexpr CopyRule kHisDataCount{"CMyCallBackPro::OnRespHisDataCount", 11, 14, api_record::layout(11), 0};
+constexpr CopyRule kScanner{"CMyCallBackPro::OnRespSCanner", 12, 25, api_record::layout(12), 1};
+constexpr CopyRule kSharedFields{"CMyCallBackPro::OnRespSharedFields", 17, 24, api_record::layout(17), 1};
+constexpr CopyRule kNewIssues{"CMyCallBackPro::OnRespNewIssueList", 18, 25, api_record::layout(18), 1};
+constexpr CopyRule kTickL2{"CMyCallBackPro::OnTickL2", 22, 6, api_record::layout(22), 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kIndexL2{"CMyCallBackPro::OnIndexL2", 23, 7, api_record::layout(23), 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kTransL2{"CMyCallBackPro::OnTransL2", 24, 8, api_record::layout(24), 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderL2{"CMyCallBackPro::OnOrderL2", 25, 9, api_record::layout(25), 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kOrderQueueL2{"CMyCallBackPro::OnOrderQueueL2", 26, 10, api_record::layout(26), 1, CopyRule::Key::kLevel2};
+constexpr CopyRule kShareData{"CMyCallBackPro::OnRespShareData", 29, 30, api_record::layout(29), 1};
+constexpr CopyRule kHKRate{"CMyCallBackPro::OnRespHKRateData", 30, 31, api_record::layout(30), 1};
+constexpr CopyRule kIndustry{"CMyCallBackPro::OnRespIndustryData", 31, 32, api_record::layout(31), 1};
+constexpr CopyRule kLatestShare{"CMyCallBackPro::OnRespLatestShareData", 32, 33, api_record::layout(32), 1};
+constexpr CopyRule kFinancial{"CMyCallBackPro::OnRespFinancialData", 33, 34, api_record::layout(33), 1};
+constexpr CopyRule kIncome{"CMyCallBackPro::OnRespIncomeStatData", 34, 35, api_record::layout(34), 1};
+constexpr CopyRule kCashFlow{"CMyCallBackPro::OnRespCashFlowData", 35, 36, api_record::layout(35), 1};
+constexpr CopyRule kBalance{"CMyCallBackPro::OnRespBalanceSheetData", 36, 37, api_record::layout(36), 1};
+constexpr CopyRule kSHNumber{"CMyCallBackPro::OnRespSHNumberData", 37, 38, api_record::layout(37), 1};
+constexpr CopyRule kMostHolder{"CMyCallBackPro::OnRespMostShareHolderData", 38, 39, api_record::layout(38), 1};
+constexpr CopyRule kNegotiable{"CMyCallBackPro::OnRespNegotiableShareHolderData", 39, 40, api_record::layout(39), 1};
+constexpr CopyRule kTickKcb{"CMyCallBackPro::OnRespHisTickKcbData", 45, 12, api_record::layout(45), 1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 46, 11, Shape::kHeadPlus, 272, 214, 54, false, false,
-                              1,
+constexpr CopyRule kL1HisTick{"CMyCallBackPro::OnRespL1HisTickData", 46, 11, api_record::layout(46), 1,
                            CopyRule::Key::kRequest};
-constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 47, 5, Shape::kHeadPlus, 255, 249, 2, false,
-                               false, 1,
+constexpr CopyRule kMarketPush{"CMyCallBackPro::OnRespMarketPushData", 47, 5, api_record::layout(47), 1,
                                CopyRule::Key::kMarket};
-
-template <typename T>
-T ReadAt(const void* record, size_t offset) {
-  T value;
-  std::memcpy(&value, static_cast<const uint8_t*>(record) + offset, sizeof(value));
-  return value;
-}
-
-// The count as the rule reads it, widened so that no arithmetic overflows.
-int64_t CountOf(const CopyRule& rule, const void* record) {
-  if (rule.count_u16) return ReadAt<uint16_t>(record, rule.count_at);
-  if (rule.count_u32) return ReadAt<uint32_t>(record, rule.count_at);
-  return ReadAt<int32_t>(record, rule.count_at);
-}
-
-// head + extra x elem, or 0 beyond the bound.
-size_t Bounded(size_t head, int64_t extra, size_t elem) {
-  if (extra <= 0 || elem == 0) return head;
-  if (static_cast<uint64_t>(extra) > (kMaxRecordBytes - head) / elem) return 0;
-  return head + static_cast<size_t>(extra) * elem;
-}
 
 // FNV-1a over the market and the code up to its terminator.
 uint32_t HashKey(uint32_t market, const uint8_t* code, size_t max) {
@@ -117,7 +81,7 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
     case CopyRule::Key::kTickL1:
       return size >= 37 ? HashKey(bytes[0], bytes + 1, 36) : 0;
     case CopyRule::Key::kMarket:
-      return size >= 2 ? HashKey(ReadAt<uint16_t>(block, 0), bytes, 0) : 0;
+      return size >= 2 ? HashKey(api_record::read_at<uint16_t>(block, 0), bytes, 0) : 0;
     case CopyRule::Key::kLevel2:
       return size >= 44 ? level2_record_key(bytes + 8) : 0;
   }
@@ -125,34 +89,12 @@ uint32_t ordering_key(CopyRule::Key kind, const void* block, size_t size) {
 }
 
 uint32_t level2_record_key(const void* record) {
-  return HashKey(ReadAt<uint32_t>(record, 0), static_cast<const uint8_t*>(record) + 4, 32);
+  return HashKey(api_record::read_at<uint32_t>(record, 0), static_cast<const uint8_t*>(record) + 4, 32);
 }
 
 uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size) {
   if (kind != CopyRule::Key::kRequest || size < 2) return 0;
-  return 0x10000u | ReadAt<uint16_t>(block, 0);
-}
-
-size_t copy_size(const CopyRule& rule, const void* record) {
-  switch (rule.shape) {
-    case Shape::kFixed:
-      return rule.head;
-    case Shape::kHeadPlus: {
-      int64_t n = CountOf(rule, record);
-      return Bounded(rule.head, n - 1, rule.elem);
-    }
-    case Shape::kLevel2: {
-      int64_t n = CountOf(rule, record);
-      return n <= 0 ? rule.head + 1 : Bounded(rule.head, n, rule.elem);
-    }
-    case Shape::kHisData: {
-      int64_t n = CountOf(rule, record);
-      if (n <= 0) return rule.head + 1;
-      size_t elem = ReadAt<int32_t>(record, 46) == 14 ? 21 : 48;
-      return Bounded(rule.head, n, elem);
-    }
-  }
-  return 0;
+  return 0x10000u | api_record::read_at<uint16_t>(block, 0);
 }
 
 int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
@@ -163,7 +105,7 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
   size_t size = copy_size(rule, record);
   if (size == 0) {
     CMyLog::PrintLog(LOG_ERROR, rule.name, "Record count[%lld] out of range, dropped...",
-                     static_cast<long long>(CountOf(rule, record)));
+                     static_cast<long long>(api_record::count(rule.layout, record)));
     return -1;
   }
   // After stop nobody would take it.
@@ -193,12 +135,12 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
 void CMyCallBackPro::QueueOtherInstruments(const CopyRule& rule, const DataMsg& msg) {
   constexpr size_t kHead = 8, kId = 36;  // message head; a record's market and code
   const auto* bytes = static_cast<const uint8_t*>(msg.data);
-  size_t count = msg.size > kHead ? (msg.size - kHead) / rule.elem : 0;
+  size_t count = msg.size > kHead ? (msg.size - kHead) / rule.layout.elem : 0;
   if (count < 2) return;
   std::vector<uint32_t> keys{msg.key};
   const uint8_t* first = bytes + kHead;
   for (size_t i = 1; i < count; ++i) {
-    const uint8_t* record = first + i * rule.elem;
+    const uint8_t* record = first + i * rule.layout.elem;
     if (std::memcmp(record, first, kId) == 0) continue;  // the common case: one instrument
     uint32_t key = level2_record_key(record);
     if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
@@ -265,7 +207,7 @@ int CMyCallBackPro::OnRespNegotiableShareHolderData(const void* r) { return Queu
 // The record is read for the log before it is queued: once queued, the copy
 // belongs to a service thread.
 int CMyCallBackPro::OnRespHisTickKcbData(const void* r) {
-  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
+  int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;
   char code[49] = {};
   if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
   int rc = Queue(kTickKcb, r);
@@ -274,7 +216,7 @@ int CMyCallBackPro::OnRespHisTickKcbData(const void* r) {
 }
 
 int CMyCallBackPro::OnRespL1HisTickData(const void* r) {
-  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
+  int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;
   char code[49] = {};
   if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
   int rc = Queue(kL1HisTick, r);
@@ -283,8 +225,8 @@ int CMyCallBackPro::OnRespL1HisTickData(const void* r) {
 }
 
 int CMyCallBackPro::OnRespMarketPushData(const void* r) {
-  int16_t id = r != nullptr ? ReadAt<int16_t>(r, 0) : 0;
-  int32_t count = r != nullptr ? ReadAt<int32_t>(r, kMarketPush.count_at) : 0;
+  int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;
+  int32_t count = r != nullptr ? api_record::read_at<int32_t>(r, kMarketPush.layout.count_at) : 0;
   int rc = Queue(kMarketPush, r);
   if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kMarketPush.name, "收到Market Push 数据[%d][%d]...", id, count);
   return rc;

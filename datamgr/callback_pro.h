@@ -9,29 +9,19 @@
 #include <cstdint>
 
 #include "dataapi/DataApi.h"
+#include "dataapi/record_size.h"
 
 namespace tavr {
 
 class DvDataMgr;
 struct DataMsg;
 
-// How one callback sizes its copy of the vendor's record.
+// How one callback copies and queues the vendor's record.
 struct CopyRule {
-  enum class Shape : uint8_t {
-    kFixed,     // head bytes exactly
-    kHeadPlus,  // head + (n-1) x elem when n > 0, else head
-    kLevel2,    // 8 + n x elem when n > 0, else 9
-    kHisData,   // 63 when n <= 0; 62 + n x 21 when the field at 46 is 14, else 62 + n x 48
-  };
   const char* name;      // qualified operation name, for the log
   uint8_t slot;          // position in the callback interface, for capture
   uint32_t msg_type;
-  Shape shape;
-  size_t head;
-  size_t elem;
-  size_t count_at;       // byte offset of the count
-  bool count_u16;        // unsigned 16-bit count instead of signed 32-bit
-  bool count_u32;        // unsigned 32-bit count
+  api_record::Layout layout;  // how many bytes the record holds
   size_t spare;          // bytes allocated beyond the copy
   enum class Key : uint8_t {
     kNone,     // replies: taken by any service thread
@@ -52,13 +42,9 @@ uint32_t level2_record_key(const void* record);
 // The strand of a copied reply: one per request id, 0 for none.
 uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size);
 
-// Largest copy the adapter makes. A count implying more is a broken record:
-// no real reply comes near it (a whole market is a few MiB).
-constexpr size_t kMaxRecordBytes = size_t{64} << 20;
-
 // The number of bytes to copy from record under rule; 0 when the count is
-// beyond kMaxRecordBytes.
-size_t copy_size(const CopyRule& rule, const void* record);
+// beyond api_record::kMaxBytes.
+inline size_t copy_size(const CopyRule& rule, const void* record) { return api_record::size(rule.layout, record); }
 
 class CMyCallBackPro : public CDataApiCallBack {
  public:

@@ -19,7 +19,6 @@ namespace kqfuzz {
 namespace {
 
 using CB = CDataApiCallBack;
-using S = RecordSlot;
 
 [[noreturn]] void Fail(const char* what) {
   std::fprintf(stderr, "kqfuzz: %s\n", what);
@@ -89,96 +88,67 @@ World& world() {
   return w;
 }
 
-template <typename T>
-T Read(const uint8_t* p) {
-  T v;
-  std::memcpy(&v, p, sizeof(v));
-  return v;
-}
-
-int64_t CountOf(const RecordSlot& slot, const uint8_t* record) {
-  const uint8_t* at = record + slot.count_at;
-  switch (slot.count) {
-    case S::kU16: return Read<uint16_t>(at);
-    case S::kU32: return Read<uint32_t>(at);
-    case S::kI32: break;
-  }
-  return Read<int32_t>(at);
-}
-
-size_t ElemOf(const RecordSlot& slot, const uint8_t* record) {
-  if (slot.shape != S::kHisData) return slot.elem;
-  return Read<int32_t>(record + 46) == 14 ? 21 : 48;
-}
-
 }  // namespace
 
 const std::vector<RecordSlot>& record_slots() {
   static const std::vector<RecordSlot> slots{
-      {&CB::OnMarketInit, "OnMarketInit", S::kHeadPlus, 132, 84, 44},
-      {&CB::OnMarketOtherBase, "OnMarketOtherBase", S::kHeadPlus, 107, 98, 5},
-      {&CB::OnRespRefInfo, "OnRespRefInfo", S::kHeadPlus, 378, 370, 4},
-      {&CB::OnTickL1, "OnTickL1", S::kFixed, 249, 0, 0},
-      {&CB::OnRespHisData, "OnRespHisData", S::kHisData, 62, 48, 50},
-      {&CB::OnRespHolidayInfo, "OnRespHolidayInfo", S::kHeadPlus, 12, 4, 4},
-      {&CB::OnRespPower, "OnRespPower", S::kHeadPlus, 304, 264, 38, S::kU16},
-      {&CB::OnRespHotListDef, "OnRespHotListDef", S::kHeadPlus, 174, 170, 0},
-      {&CB::OnRespHotListData, "OnRespHotListData", S::kHeadPlus, 158, 148, 6},
-      {&CB::OnHotList, "OnHotList", S::kHeadPlus, 156, 148, 4},
-      {&CB::OnMarketStatus, "OnMarketStatus", S::kFixed, 13, 0, 0},
-      {&CB::OnRespHisDataCount, "OnRespHisDataCount", S::kHeadPlus, 54, 8, 42},
-      {&CB::OnRespSCanner, "OnRespSCanner", S::kHeadPlus, 5, 1, 0, S::kU32},
-      {&CB::OnRespSharedFields, "OnRespSharedFields", S::kFixed, 8, 0, 0},
-      {&CB::OnRespNewIssueList, "OnRespNewIssueList", S::kHeadPlus, 140, 136, 0},
-      {&CB::OnTickL2, "OnTickL2", S::kLevel2, 8, 504, 4},
-      {&CB::OnIndexL2, "OnIndexL2", S::kLevel2, 8, 108, 4},
-      {&CB::OnTransL2, "OnTransL2", S::kLevel2, 8, 79, 4},
-      {&CB::OnOrderL2, "OnOrderL2", S::kLevel2, 8, 62, 4},
-      {&CB::OnOrderQueueL2, "OnOrderQueueL2", S::kLevel2, 8, 864, 4},
-      {&CB::OnRespShareData, "OnRespShareData", S::kHeadPlus, 338, 296, 38},
-      {&CB::OnRespHKRateData, "OnRespHKRateData", S::kHeadPlus, 30, 16, 10},
-      {&CB::OnRespIndustryData, "OnRespIndustryData", S::kFixed, 326, 0, 0},
-      {&CB::OnRespLatestShareData, "OnRespLatestShareData", S::kHeadPlus, 74, 64, 6},
-      {&CB::OnRespFinancialData, "OnRespFinancialData", S::kHeadPlus, 614, 572, 38},
-      {&CB::OnRespIncomeStatData, "OnRespIncomeStatData", S::kHeadPlus, 581, 539, 38},
-      {&CB::OnRespCashFlowData, "OnRespCashFlowData", S::kHeadPlus, 733, 691, 38},
-      {&CB::OnRespBalanceSheetData, "OnRespBalanceSheetData", S::kHeadPlus, 837, 795, 38},
-      {&CB::OnRespSHNumberData, "OnRespSHNumberData", S::kHeadPlus, 122, 80, 38},
-      {&CB::OnRespMostShareHolderData, "OnRespMostShareHolderData", S::kHeadPlus, 2242, 2200, 38},
-      {&CB::OnRespNegotiableShareHolderData, "OnRespNegotiableShareHolderData", S::kHeadPlus, 2242, 2200, 38},
-      {&CB::OnRespHisTickKcbData, "OnRespHisTickKcbData", S::kHeadPlus, 138, 80, 54},
-      {&CB::OnRespL1HisTickData, "OnRespL1HisTickData", S::kHeadPlus, 272, 214, 54},
-      {&CB::OnRespMarketPushData, "OnRespMarketPushData", S::kHeadPlus, 255, 249, 2},
+      {&CB::OnMarketInit, "OnMarketInit", api_record::layout(0)},
+      {&CB::OnMarketOtherBase, "OnMarketOtherBase", api_record::layout(1)},
+      {&CB::OnRespRefInfo, "OnRespRefInfo", api_record::layout(2)},
+      {&CB::OnTickL1, "OnTickL1", api_record::layout(3)},
+      {&CB::OnRespHisData, "OnRespHisData", api_record::layout(4)},
+      {&CB::OnRespHolidayInfo, "OnRespHolidayInfo", api_record::layout(5)},
+      {&CB::OnRespPower, "OnRespPower", api_record::layout(6)},
+      {&CB::OnRespHotListDef, "OnRespHotListDef", api_record::layout(7)},
+      {&CB::OnRespHotListData, "OnRespHotListData", api_record::layout(8)},
+      {&CB::OnHotList, "OnHotList", api_record::layout(9)},
+      {&CB::OnMarketStatus, "OnMarketStatus", api_record::layout(10)},
+      {&CB::OnRespHisDataCount, "OnRespHisDataCount", api_record::layout(11)},
+      {&CB::OnRespSCanner, "OnRespSCanner", api_record::layout(12)},
+      {&CB::OnRespSharedFields, "OnRespSharedFields", api_record::layout(17)},
+      {&CB::OnRespNewIssueList, "OnRespNewIssueList", api_record::layout(18)},
+      {&CB::OnTickL2, "OnTickL2", api_record::layout(22)},
+      {&CB::OnIndexL2, "OnIndexL2", api_record::layout(23)},
+      {&CB::OnTransL2, "OnTransL2", api_record::layout(24)},
+      {&CB::OnOrderL2, "OnOrderL2", api_record::layout(25)},
+      {&CB::OnOrderQueueL2, "OnOrderQueueL2", api_record::layout(26)},
+      {&CB::OnRespShareData, "OnRespShareData", api_record::layout(29)},
+      {&CB::OnRespHKRateData, "OnRespHKRateData", api_record::layout(30)},
+      {&CB::OnRespIndustryData, "OnRespIndustryData", api_record::layout(31)},
+      {&CB::OnRespLatestShareData, "OnRespLatestShareData", api_record::layout(32)},
+      {&CB::OnRespFinancialData, "OnRespFinancialData", api_record::layout(33)},
+      {&CB::OnRespIncomeStatData, "OnRespIncomeStatData", api_record::layout(34)},
+      {&CB::OnRespCashFlowData, "OnRespCashFlowData", api_record::layout(35)},
+      {&CB::OnRespBalanceSheetData, "OnRespBalanceSheetData", api_record::layout(36)},
+      {&CB::OnRespSHNumberData, "OnRespSHNumberData", api_record::layout(37)},
+      {&CB::OnRespMostShareHolderData, "OnRespMostShareHolderData", api_record::layout(38)},
+      {&CB::OnRespNegotiableShareHolderData, "OnRespNegotiableShareHolderData", api_record::layout(39)},
+      {&CB::OnRespHisTickKcbData, "OnRespHisTickKcbData", api_record::layout(45)},
+      {&CB::OnRespL1HisTickData, "OnRespL1HisTickData", api_record::layout(46)},
+      {&CB::OnRespMarketPushData, "OnRespMarketPushData", api_record::layout(47)},
   };
   return slots;
 }
 
-size_t min_size(const RecordSlot& slot) {
-  return slot.shape == S::kLevel2 || slot.shape == S::kHisData ? slot.head + 1 : slot.head;
-}
+size_t min_size(const RecordSlot& slot) { return api_record::min_bytes(slot.layout); }
 
-size_t record_size(const RecordSlot& slot, const uint8_t* record) {
-  if (slot.shape == S::kFixed) return slot.head;
-  int64_t n = CountOf(slot, record);
-  size_t elem = ElemOf(slot, record);
-  if (slot.shape == S::kHeadPlus) return n > 1 ? slot.head + static_cast<size_t>(n - 1) * elem : slot.head;
-  return n > 0 ? slot.head + static_cast<size_t>(n) * elem : slot.head + 1;
-}
+size_t record_size(const RecordSlot& slot, const uint8_t* record) { return api_record::size(slot.layout, record); }
 
 size_t fit_count(const RecordSlot& slot, uint8_t* record, size_t size) {
-  size_t need = record_size(slot, record);
-  if (need <= size) return need;
-  size_t elem = ElemOf(slot, record);
-  size_t n = (size - slot.head) / elem + (slot.shape == S::kHeadPlus ? 1 : 0);
-  uint8_t* at = record + slot.count_at;
-  if (slot.count == S::kU16) {
+  const api_record::Layout& l = slot.layout;
+  size_t need = api_record::size(l, record);
+  if (need != 0 && need <= size) return need;  // 0: a count beyond any record
+  size_t elem = l.shape == api_record::Shape::kHisData && api_record::read_at<int32_t>(record, 46) == 14 ? 21 : l.elem;
+  size_t n = (size - l.head) / elem + (l.shape == api_record::Shape::kHeadPlus ? 1 : 0);
+  uint8_t* at = record + l.count_at;
+  if (l.count == api_record::Count::kU16) {
     uint16_t v = static_cast<uint16_t>(n);
     std::memcpy(at, &v, sizeof(v));
   } else {
     uint32_t v = static_cast<uint32_t>(n);
     std::memcpy(at, &v, sizeof(v));
   }
-  return record_size(slot, record);
+  return api_record::size(l, record);
 }
 
 int record_input(const uint8_t* data, size_t size) {

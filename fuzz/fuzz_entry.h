@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dataapi/DataApi.h"
+#include "dataapi/record_size.h"
 
 namespace kqfuzz {
 
@@ -32,16 +33,7 @@ int64_t host_deliveries();
 struct RecordSlot {
   int (CDataApiCallBack::*call)(const void*);
   const char* name;
-  enum Shape : uint8_t {
-    kFixed,    // head bytes
-    kHeadPlus, // head + (n-1) x elem for n > 1, else head
-    kLevel2,   // 8 + n x elem for n > 0, else 9
-    kHisData,  // 62 + n x (21 when the int at 46 is 14, else 48) for n > 0, else 63
-  } shape;
-  size_t head;
-  size_t elem;
-  size_t count_at;
-  enum Count : uint8_t { kI32, kU16, kU32 } count = kI32;
+  api_record::Layout layout;
 };
 const std::vector<RecordSlot>& record_slots();
 

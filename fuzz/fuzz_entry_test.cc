@@ -47,12 +47,12 @@ TEST(FuzzInputsTest, RecordInputsReplayAndSeedsReachTheHost) {
 TEST(FuzzInputsTest, CountsAgreeWithTheBytes) {
   for (const RecordSlot& slot : record_slots()) {
     SCOPED_TRACE(slot.name);
-    std::vector<uint8_t> record(min_size(slot) + 3 * slot.elem + 1, 0x7F);
+    std::vector<uint8_t> record(min_size(slot) + 3 * slot.layout.elem + 1, 0x7F);
     size_t size = fit_count(slot, record.data(), record.size());
     EXPECT_LE(size, record.size());
     EXPECT_EQ(size, record_size(slot, record.data()));
-    if (slot.shape != RecordSlot::kFixed) {
-      EXPECT_GT(size + slot.elem, record.size());
+    if (slot.layout.shape != api_record::Shape::kFixed) {
+      EXPECT_GT(size + slot.layout.elem, record.size());
     }
   }
 }
