@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dataapi/sim/calendar.h"
 #include "dataapi/sim/sessions.h"
 
 namespace sim {
@@ -227,6 +228,21 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
       EXPECT_GT(index.turnover / index.volume, 2.0) << composite;  // yuan a share, not index points
       EXPECT_LT(index.turnover / index.volume, 200.0) << composite;
     }
+  }
+}
+
+// The exchanges' calendar: closed through their holidays, open either side;
+// the connect also closes on Hong Kong's holidays, while Shanghai trades.
+TEST(QuotesTest, TradingDaysFollowTheExchangesCalendar) {
+  for (int32_t day : {20241001, 20241004, 20241007, 20240209, 20130211, 20130215, 20121005, 20081001, 20050210,
+                      20011005}) {
+    EXPECT_FALSE(is_trading_day(day)) << day;
+  }
+  for (int32_t day : {20240930, 20241008, 20130218, 20121008, 20081006, 20241224}) {
+    EXPECT_TRUE(is_trading_day(day) && is_connect_day(day)) << day;
+  }
+  for (int32_t day : {20241225, 20241226, 20250418, 20250421, 20240701, 20231023}) {
+    EXPECT_TRUE(is_trading_day(day) && !is_connect_day(day)) << day;
   }
 }
 
