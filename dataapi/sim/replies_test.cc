@@ -153,7 +153,7 @@ size_t CheckBlocks(const std::vector<Bytes>& blocks, int16_t id) {
   return elements;
 }
 
-TEST(HistoryBlocksTest, BlocksCarryTheRequestAndEndWithTheLastOneAndFaultsDoAsNamed) {
+TEST(HistoryBlocksTest, BlocksCarryTheRequestAndEndWithTheLastOne) {
   const Universe& u = Default();
   const Market& sh = *u.market(kSH);
   HisBarRequest bars{};
@@ -176,16 +176,6 @@ TEST(HistoryBlocksTest, BlocksCarryTheRequestAndEndWithTheLastOneAndFaultsDoAsNa
   auto none = history_blocks(u, HistoryKind::kAfterHoursTicks, &late);
   ASSERT_EQ(none.size(), 1u);
   EXPECT_EQ((CheckBlocks<ApiHisTickKcbResp, ApiHisTickKcb>(none, 43)), 0u);
-
-  EXPECT_EQ(with_fault(HistoryFault::kDelay, blocks), blocks);
-  EXPECT_EQ(with_fault(HistoryFault::kLoseLast, blocks), std::vector<Bytes>(blocks.begin(), blocks.end() - 1));
-  auto twice = with_fault(HistoryFault::kDuplicate, blocks);
-  EXPECT_EQ(std::vector<Bytes>(twice.begin() + 1, twice.end()), blocks);
-  EXPECT_EQ(twice.front(), blocks.front());
-  auto stray = with_fault(HistoryFault::kUnknownId, blocks);
-  EXPECT_EQ(std::vector<Bytes>(stray.begin() + 1, stray.end()), blocks);
-  EXPECT_EQ(Read<int16_t>(stray.front()), kStrayHistoryId);
-  EXPECT_EQ(Bytes(stray.front().begin() + 2, stray.front().end()), Bytes(blocks.front().begin() + 2, blocks.front().end()));
 }
 
 }  // namespace
