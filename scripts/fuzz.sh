@@ -18,7 +18,7 @@ fi
 # -O1 without full debug information: the build is most of the stage's time.
 CC=clang CXX=clang++ cmake -S . -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE=Fuzz \
   -DCMAKE_CXX_FLAGS_FUZZ="-O1 -gline-tables-only" -DKELQUOTE_SANITIZE=address -DKELQUOTE_FUZZ=ON \
-  -DKELQUOTE_TESTS=OFF -DKELQUOTE_DEMO=OFF -DKELQUOTE_INSTALL=OFF >/dev/null
+  -DCMAKE_UNITY_BUILD=ON -DKELQUOTE_TESTS=OFF -DKELQUOTE_DEMO=OFF -DKELQUOTE_INSTALL=OFF >/dev/null
 cmake --build "$build" -j2 --target fuzz_config fuzz_record
 
 export TZ=CST-8

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the library and runs the demo host against the simulated quote
+# Builds the demo host (and the libraries it loads, nothing else) and runs it against the simulated quote
 # service, in a fresh folder laid out as a terminal's:
 #   build/demo-run/run/{dravikcfg.dat, ini/}   and   build/demo-run/userdata/log/
 # Arguments are passed to the demo (see kelquote_demo --help).
@@ -20,7 +20,7 @@ if [ "${1:-}" = "--python" ]; then
   exit 0
 fi
 scripts/install-deps.sh
-scripts/build.sh release >/dev/null
+scripts/build.sh release -- kelquote_demo >/dev/null
 top=$(pwd)
 run=build/demo-run
 rm -rf "$run"

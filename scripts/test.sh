@@ -19,9 +19,12 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
 for flavour in $flavours; do
   case $flavour in
-    release) args=() ;;
-    asan) args=(-DKELQUOTE_SANITIZE=address -DKELQUOTE_DEMO=OFF) ;;
-    tsan) args=(-DKELQUOTE_SANITIZE=thread -DKELQUOTE_DEMO=OFF) ;;
+    # The regular build compiles each source on its own (so that a missing
+    # include shows); the sanitizer builds compile a folder's sources
+    # together, which roughly halves their time.
+    release) args=(-DKELQUOTE_PCH=ON) ;;
+    asan) args=(-DKELQUOTE_SANITIZE=address -DKELQUOTE_DEMO=OFF -DCMAKE_UNITY_BUILD=ON) ;;
+    tsan) args=(-DKELQUOTE_SANITIZE=thread -DKELQUOTE_DEMO=OFF -DCMAKE_UNITY_BUILD=ON) ;;
     *) echo "unknown flavour: $flavour" >&2; exit 2 ;;
   esac
   echo "== $flavour: build"

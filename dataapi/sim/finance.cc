@@ -42,7 +42,7 @@ double Cents(double value) { return std::round(value * 100) / 100; }
 // Month and day of the quarters' ends.
 const int32_t kEnds[] = {331, 630, 930, 1231};
 
-struct Period {
+struct ReportPeriod {
   int32_t end;       // yyyymmdd
   int32_t announce;  // yyyymmdd
   int32_t type;      // 1 to 4: quarters of the year
@@ -51,9 +51,9 @@ struct Period {
 
 // The latest periods published by trade_date, newest first; none ends
 // before the share listed.
-std::vector<Period> Periods(const Instrument& stock, uint64_t seed, int32_t trade_date, size_t most) {
+std::vector<ReportPeriod> Periods(const Instrument& stock, uint64_t seed, int32_t trade_date, size_t most) {
   static const int32_t kAnnounceMonth[] = {400, 800, 1000, 10300};  // the year's report: next March
-  std::vector<Period> periods;
+  std::vector<ReportPeriod> periods;
   for (int32_t year = trade_date / 10000; year > trade_date / 10000 - 4 && periods.size() < most; --year) {
     for (int type = 4; type >= 1 && periods.size() < most; --type) {
       int32_t end = year * 10000 + kEnds[type - 1];
@@ -92,7 +92,7 @@ void Place(std::array<double, 123>& items, int at, const std::vector<int64_t>& p
   for (size_t i = 0; i < parts.size(); ++i) items[at + i] = static_cast<double>(parts[i]);
 }
 
-Report ReportOf(const Instrument& stock, uint64_t seed, int32_t trade_date, const Period& period) {
+Report ReportOf(const Instrument& stock, uint64_t seed, int32_t trade_date, const ReportPeriod& period) {
   Draw traits(seed, stock.code, 0);  // the same for every period of the share
   const double growth = traits.between(-0.10, 0.25);
   const double margin = traits.between(0.04, 0.25);
@@ -190,7 +190,7 @@ Report ReportOf(const Instrument& stock, uint64_t seed, int32_t trade_date, cons
 }
 
 template <typename Item>
-Item Dated(const Instrument& stock, const Period& period) {
+Item Dated(const Instrument& stock, const ReportPeriod& period) {
   Item item;
   std::memset(&item, 0, sizeof(item));
   put_text(item.code, stock.code);
@@ -200,7 +200,7 @@ Item Dated(const Instrument& stock, const Period& period) {
 }
 
 template <typename Item, size_t N>
-Item Statement(const Instrument& stock, const Period& period, const std::array<double, N>& values) {
+Item Statement(const Instrument& stock, const ReportPeriod& period, const std::array<double, N>& values) {
   static_assert(sizeof(Item::items) / sizeof(Item::items[0]) == N);
   auto item = Dated<Item>(stock, period);
   item.report_type = period.type;
@@ -216,7 +216,7 @@ int32_t Holders(const Instrument& stock, uint64_t seed, int32_t end) {
   return static_cast<int32_t>(std::max(1000.0, usual * draw.between(0.9, 1.1)));
 }
 
-ApiSHNumberItem HolderNumber(const Instrument& stock, uint64_t seed, const Period& period) {
+ApiSHNumberItem HolderNumber(const Instrument& stock, uint64_t seed, const ReportPeriod& period) {
   auto item = Dated<ApiSHNumberItem>(stock, period);
   int32_t year = period.end / 10000;
   int32_t before = period.type == 1 ? (year - 1) * 10000 + kEnds[3] : year * 10000 + kEnds[period.type - 2];
@@ -252,7 +252,7 @@ const HolderName kHolders[] = {
 // The ten largest holders of all shares, or of the tradable ones. The first
 // is the share's parent company; the stakes fall and add up to less than the
 // whole.
-ApiTopHolderItem TopTen(const Instrument& stock, uint64_t seed, const Period& period, bool tradable) {
+ApiTopHolderItem TopTen(const Instrument& stock, uint64_t seed, const ReportPeriod& period, bool tradable) {
   const int64_t base = tradable ? stock.float_shares : stock.total_shares;
   Draw traits(seed, stock.code, tradable ? 1 : 2);
   Draw draw(seed, stock.code, period.end * 4 + (tradable ? 1 : 2));
@@ -327,11 +327,11 @@ FinanceMode finance_mode(int kind) {
 
 Bytes finance_reply(int kind, const FinanceRequest& request, const Instrument* stock, uint64_t seed,
                     int32_t trade_date, bool negative) {
-  std::vector<Period> periods;
+  std::vector<ReportPeriod> periods;
   if (stock != nullptr) periods = Periods(*stock, seed, trade_date, kind >= 64 ? kHolderPeriods : kStatementPeriods);
   std::vector<Report> reports;
   if (kind <= 16) {
-    for (const Period& period : periods) reports.push_back(ReportOf(*stock, seed, trade_date, period));
+    for (const ReportPeriod& period : periods) reports.push_back(ReportOf(*stock, seed, trade_date, period));
   }
   auto statements = [&](auto item, auto field) {
     std::vector<decltype(item)> items;
@@ -342,7 +342,7 @@ Bytes finance_reply(int kind, const FinanceRequest& request, const Instrument* s
   };
   auto holders = [&](bool tradable) {
     std::vector<ApiTopHolderItem> items;
-    for (const Period& period : periods) items.push_back(TopTen(*stock, seed, period, tradable));
+    for (const ReportPeriod& period : periods) items.push_back(TopTen(*stock, seed, period, tradable));
     return items;
   };
   switch (kind) {
@@ -353,7 +353,7 @@ Bytes finance_reply(int kind, const FinanceRequest& request, const Instrument* s
     case 16: return Pack<16>(request, statements(ApiShareItem{}, &Report::capital), negative);
     case 32: {
       std::vector<ApiSHNumberItem> items;
-      for (const Period& period : periods) items.push_back(HolderNumber(*stock, seed, period));
+      for (const ReportPeriod& period : periods) items.push_back(HolderNumber(*stock, seed, period));
       return Pack<32>(request, items, negative);
     }
     case 64: return Pack<64>(request, holders(false), negative);

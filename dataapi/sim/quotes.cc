@@ -15,7 +15,7 @@ namespace {
 using State = QuoteBook::State;
 
 // splitmix64: neighbouring inputs give unrelated outputs, on every platform.
-uint64_t Mix(uint64_t a, uint64_t b) {
+uint64_t QuoteMix(uint64_t a, uint64_t b) {
   uint64_t z = a + 0x9E3779B97F4A7C15ULL * (b + 1);
   z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
   z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
@@ -24,7 +24,7 @@ uint64_t Mix(uint64_t a, uint64_t b) {
 
 uint64_t Next(State& s) {
   s.rng += 0x9E3779B97F4A7C15ULL;
-  return Mix(s.rng, 0);
+  return QuoteMix(s.rng, 0);
 }
 
 // 0 .. n-1.
@@ -80,9 +80,9 @@ Book DepthOf(const Instrument& item, const State& s, int64_t price, int levels) 
     bid1 = 0;
   }
   auto size = [&](uint64_t salt) {
-    int64_t lots = static_cast<int64_t>(1 + Mix(s.depth_seed, salt) % 50);
+    int64_t lots = static_cast<int64_t>(1 + QuoteMix(s.depth_seed, salt) % 50);
     // Orders of any size from the least on a board that trades in steps of one.
-    return s.min_order != s.lot ? s.min_order + lots * 37 + static_cast<int64_t>(Mix(s.depth_seed, salt + 99) % 100)
+    return s.min_order != s.lot ? s.min_order + lots * 37 + static_cast<int64_t>(QuoteMix(s.depth_seed, salt + 99) % 100)
                                 : lots * s.lot;
   };
   int64_t bid = bid1, ask = ask1;
@@ -119,7 +119,7 @@ Bytes Level2Message(const std::vector<Record>& records, size_t stride = sizeof(R
 }
 
 template <typename Record>
-Record Zeroed() {
+Record Blank() {
   Record record;
   std::memset(&record, 0, sizeof(record));
   return record;
@@ -151,7 +151,7 @@ QuoteBook::State& QuoteBook::state(const Market& market, size_t index, const Sta
   const Instrument& item = market.instruments[index];
   s.started = true;
   s.at_step = now.step;
-  s.rng = Mix(Mix(Mix(seed_, market.id), HashCode(item.code)), static_cast<uint64_t>(market.trade_date));
+  s.rng = QuoteMix(QuoteMix(QuoteMix(seed_, market.id), HashCode(item.code)), static_cast<uint64_t>(market.trade_date));
   s.tick = item.tick_at(item.pre_close_units);
   int64_t pre = item.snap(item.pre_close_units);
   s.limited = item.upper_units > 0 && item.lower_units > 0;
@@ -282,7 +282,7 @@ const std::vector<size_t>& QuoteBook::constituents(const Market& market, size_t 
   for (size_t i = 0; i < market.instruments.size(); ++i) {
     const Instrument& share = market.instruments[i];
     if (share.is_stock() || share.type_code == kTypeHKStock) {
-      shares.push_back({Mix(HashCode(item.code), HashCode(share.code)), i});
+      shares.push_back({QuoteMix(HashCode(item.code), HashCode(share.code)), i});
     }
   }
   size_t count = 50;
@@ -369,7 +369,7 @@ QuoteBook::State& QuoteBook::advance(const Market& market, size_t index, const S
 }
 
 ApiL1Tick QuoteBook::snapshot(const Market& market, const Instrument& item, const State& s, const Stamp& now) const {
-  auto t = Zeroed<ApiL1Tick>();
+  auto t = Blank<ApiL1Tick>();
   const double scale = item.scale();
   auto price = [scale](int64_t units) { return static_cast<float>(static_cast<double>(units) / scale); };
   t.market_id = market.id;
@@ -457,7 +457,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
   };
 
   if (IsIndex(item)) {
-    auto r = Zeroed<ApiL2Index>();
+    auto r = Blank<ApiL2Index>();
     put_prices(r);
     r.volume = static_cast<int64_t>(s.volume);
     r.turnover = std::llround(s.turnover);
@@ -467,7 +467,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
   }
 
   Book book = DepthOf(item, s, s.in_auction ? s.planned_open : s.last, 10);
-  auto snap = Zeroed<ApiL2Snapshot>();
+  auto snap = Blank<ApiL2Snapshot>();
   put_prices(snap);
   for (int i = 0; i < 10; ++i) {
     snap.ask_price[i] = book.ask_price[i] * factor;
@@ -484,7 +484,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
   std::vector<ApiL2Transaction> trades;
   for (size_t k = 0; k < made.size(); ++k) {
     const Trade& made_trade = made[k];
-    auto t = Zeroed<ApiL2Transaction>();
+    auto t = Blank<ApiL2Transaction>();
     PutHead(t, market, item);
     t.time = made_trade.hhmmss * 1000 + (made_trade.hhmmss == now.hhmmss ? now.millis : 0);
     t.time += static_cast<int32_t>(std::min<size_t>(k, 999 - (t.time % 1000)));
@@ -503,7 +503,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
   std::vector<ApiL2Order> orders;
   // Draws of their own: a read takes nothing from the walk's.
   State d;
-  d.rng = Mix(s.depth_seed, s.order_number + 1);
+  d.rng = QuoteMix(s.depth_seed, s.order_number + 1);
   d.lot = s.lot;
   d.min_order = s.min_order;
   if (book.bid_price[0] > 0 || book.ask_price[0] > 0) {
@@ -515,7 +515,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
       const int64_t* prices = buy ? book.bid_price : book.ask_price;
       int64_t level = Below(d, 5);
       while (level > 0 && prices[level] == 0) --level;
-      auto o = Zeroed<ApiL2Order>();
+      auto o = Blank<ApiL2Order>();
       PutHead(o, market, item);
       o.time = hhmmssmmm + static_cast<int32_t>(std::min<int64_t>(k, 999 - now.millis));
       o.number1 = static_cast<int32_t>(++s.order_number);
@@ -535,7 +535,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
     int64_t price = side == 1 ? book.bid_price[0] : book.ask_price[0];
     int64_t volume = side == 1 ? book.bid_volume[0] : book.ask_volume[0];
     if (price == 0) continue;
-    auto q = Zeroed<ApiL2OrderQueue>();
+    auto q = Blank<ApiL2OrderQueue>();
     PutHead(q, market, item);
     q.time = hhmmssmmm;
     q.side = side;
@@ -544,7 +544,7 @@ Level2Messages QuoteBook::level2(const Market& market, size_t index, const Stamp
     // Whole units of at least the least order each.
     int64_t lots = volume / s.lot;
     int64_t orders_queued = std::min<int64_t>(volume / s.min_order,
-                                              1 + static_cast<int64_t>(Mix(s.depth_seed, 100 + side) % 60));
+                                              1 + static_cast<int64_t>(QuoteMix(s.depth_seed, 100 + side) % 60));
     int32_t listed = static_cast<int32_t>(std::min<int64_t>(orders_queued, ApiL2OrderQueue::kListedOrders));
     q.order_count = static_cast<int32_t>(orders_queued);
     q.listed = listed;

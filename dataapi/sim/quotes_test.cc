@@ -1,22 +1,21 @@
 #include "dataapi/sim/quotes.h"
 
 #include <algorithm>
-
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <set>
-#include <cstring>
 #include <string>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
+#include "dataapi/sim/calendar.h"
 #include "dataapi/sim/sessions.h"
 
 namespace sim {
 namespace {
 
-constexpr int32_t kToday = 20261123;
+constexpr int32_t kToday = 20261123;  // a Monday
 
 template <typename T>
 T Read(const Bytes& bytes, size_t offset = 0) {
@@ -25,95 +24,8 @@ T Read(const Bytes& bytes, size_t offset = 0) {
   return value;
 }
 
-// What is wrong with a snapshot of item, or nothing.
-std::string Problem(const ApiL1Tick& t, const Instrument& item) {
-  bool limited = item.upper_units > 0;
-  auto units = [&](float price) -> int64_t {
-    double u = static_cast<double>(price) * item.scale();
-    auto r = static_cast<int64_t>(std::llround(u));
-    return std::fabs(u - static_cast<double>(r)) < 0.2 && item.on_grid(r) ? r : -1;
-  };
-  auto fits = [&](float price) {
-    int64_t u = units(price);
-    return u > 0 && (!limited || (u >= item.lower_units && u <= item.upper_units));
-  };
-  if (std::string(t.code) != item.code) return "code";
-  if (item.suspended) return t.volume == 0 && units(t.last) == item.pre_close_units ? "" : "suspended";
-  if (!fits(t.last) || !fits(t.open) || !fits(t.high) || !fits(t.low)) return "price off the tick or limits";
-  if (t.low > t.last || t.last > t.high || t.low > t.open || t.open > t.high) return "range";
-  const int64_t step = item.order_step();
-  for (int i = 0; i < 5; ++i) {
-    for (auto [price, volume, side] : {std::tuple{+t.bid_price[i], +t.bid_volume[i], -1},
-                                       std::tuple{+t.ask_price[i], +t.ask_volume[i], 1}}) {
-      if (price == 0) continue;
-      if (!fits(price) || volume < item.min_order() || std::fmod(volume, static_cast<float>(step)) != 0) return "depth";
-      if (i == 0) continue;
-      int64_t before = units(side < 0 ? t.bid_price[i - 1] : t.ask_price[i - 1]);
-      int64_t next = side < 0 ? before - item.tick_at(before) : before + item.tick_above(before);
-      if (units(price) != next) return "depth order";
-    }
-  }
-  if (t.bid_price[0] > 0 && t.ask_price[0] > 0 &&
-      units(t.ask_price[0]) != units(t.bid_price[0]) + item.tick_above(units(t.bid_price[0]))) {
-    return "spread";
-  }
-  if (limited && units(t.last) == item.upper_units && t.ask_price[0] != 0) return "offers at the upper limit";
-  if (limited && units(t.last) == item.lower_units && t.bid_price[0] != 0) return "bids at the lower limit";
-  return "";
-}
-
-Market OneShare(uint8_t market_id, uint16_t type, int64_t pre, int64_t lower, int64_t upper) {
-  Market market;
-  market.id = market_id;
-  market.market_type = 1;
-  market.trade_date = kToday;
-  Instrument item;
-  item.code = type == kTypeStarStock ? "688001" : "600001";
-  item.type_code = type;
-  item.volume_unit = 100;
-  item.pre_close_units = pre;
-  item.lower_units = lower;
-  item.upper_units = upper;
-  market.instruments.push_back(item);
-  return market;
-}
-
-TEST(QuotesTest, EveryInstrumentWalksOnItsTickInsideItsLimits) {
-  const Universe universe(Universe::kDefaultSeed, kToday);
-  QuoteBook book(universe.seed());
-  QuoteBook twin(universe.seed());
-  for (const Market& market : universe.markets()) {
-    const size_t n = market.instruments.size();
-    std::vector<float> volumes(n, -1);
-    for (int32_t second = 0; second < 30; ++second) {
-      const Stamp at{100000 + second, 0, kToday, second};
-      Bytes package = book.market_package(market, at);
-      ASSERT_EQ(package, twin.market_package(market, at));  // the same walk
-      auto head = Read<ApiMarketPushHead>(package);
-      ASSERT_EQ(+head.market_id, market.id);
-      ASSERT_EQ(package.size(), sizeof(head) + n * sizeof(ApiL1Tick));
-      for (size_t i = 0; i < n; ++i) {
-        const Instrument& item = market.instruments[i];
-        auto t = Read<ApiL1Tick>(package, sizeof(head) + i * sizeof(ApiL1Tick));
-        std::string problem = Problem(t, item);
-        ASSERT_EQ(problem, "") << market.name << " " << item.code << " step " << second;
-        ASSERT_EQ(+t.time, 100000 + second);
-        ASSERT_EQ(+t.date, market.trade_date);
-        ASSERT_EQ(+t.board_kind, market.market_type == 2 ? 3u : market.id == kHK ? 2u : 0u);
-        if (!item.suspended && second > 0) {
-          ASSERT_GT(+t.volume, volumes[i]) << item.code;
-        }
-        volumes[i] = t.volume;
-      }
-    }
-  }
-  EXPECT_NE(QuoteBook(1).market_package(*universe.market(kZJ), Stamp{100000, 0, kToday, 0}),
-            QuoteBook(2).market_package(*universe.market(kZJ), Stamp{100000, 0, kToday, 0}));
-}
-
-// ---- The realism check ---------------------------------------------------------
-
-// The markets' rules, stated here on their own. Hong Kong's spread table:
+// The realism check: one simulated day of a sample of every market against
+// the markets' rules, stated here on their own. Hong Kong's spread table:
 // the top of each price band (0.001 HKD) and its tick.
 int64_t HKTick(int64_t units) {
   const std::pair<int64_t, int64_t> bands[] = {{250, 1},       {500, 5},        {10000, 10},     {20000, 20},
@@ -153,6 +65,50 @@ Hours HoursOf(const Market& market, const Instrument& item) {
   return hours;
 }
 
+// What is wrong with the book of a level-1 snapshot, or nothing: prices on
+// the grid inside the limits, the levels one tick apart on either side and
+// one tick between the best bid and offer, orders in whole lots.
+std::string BookProblem(const ApiL1Tick& t, const Market& market, const Instrument& item) {
+  auto units = [&](float price) { return static_cast<int64_t>(std::llround(static_cast<double>(price) * item.scale())); };
+  auto tick = [&](int64_t at) { return market.id == kHK ? HKTick(at) : item.tick_units; };  // below at, inclusive
+  const int64_t lot = item.type_code == kTypeStarStock ? 1 : std::max<int64_t>(1, item.volume_unit);
+  for (int i = 0; i < 5; ++i) {
+    for (int side : {-1, 1}) {
+      const float price = side < 0 ? t.bid_price[i] : t.ask_price[i];
+      const auto volume = static_cast<int64_t>(side < 0 ? t.bid_volume[i] : t.ask_volume[i]);
+      if (price == 0) continue;
+      const int64_t u = units(price);
+      if (u <= 0 || u % tick(u) != 0) return "price off the grid";
+      if (item.upper_units > 0 && (u < item.lower_units || u > item.upper_units)) return "price beyond the limits";
+      if (volume <= 0 || volume % lot != 0) return "volume not in lots";
+      if (i == 0) continue;
+      const int64_t before = units(side < 0 ? t.bid_price[i - 1] : t.ask_price[i - 1]);
+      if (u != (side < 0 ? before - tick(before) : before + tick(before + 1))) return "levels not a tick apart";
+    }
+  }
+  const int64_t bid = units(t.bid_price[0]);
+  if (bid > 0 && t.ask_price[0] > 0 && units(t.ask_price[0]) != bid + tick(bid + 1)) return "spread not one tick";
+  return "";
+}
+
+// The daily price limit of a Shanghai or Shenzhen share: 20% on STAR and
+// ChiNext, 5% under special treatment, else 10%.
+double LimitOf(const Instrument& item) {
+  if (item.type_code == kTypeStarStock || item.type_code == kTypeChiNextStock) return 0.2;
+  return item.st ? 0.05 : 0.1;
+}
+
+// The contract multiplier that turnover counts with, where the exchanges
+// fix one (0: not checked).
+int64_t MultiplierOf(const Market& market, const Instrument& item) {
+  if (item.type_code == kTypeEtfOption) return 10000;
+  if (market.id == kSH || market.id == kSZ || market.id == kHK) return 1;
+  const std::map<std::string, int64_t> contracts = {{"IF", 300},  {"IH", 300},  {"IC", 200},   {"IM", 200},
+                                                    {"T", 10000}, {"TF", 10000}, {"TS", 20000}, {"cu", 5}};
+  auto it = contracts.find(item.code.substr(0, item.code.find_first_of("0123456789")));
+  return it == contracts.end() ? 0 : it->second;
+}
+
 // A sample of every market and board: a few of each kind, a contract of
 // every futures product, a Hong Kong share in every price band and the
 // instruments the rows of the review named.
@@ -189,6 +145,17 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
       ApiL1Tick first{};
     };
     std::vector<Seen> seen(sample.size());
+    for (size_t k : sample) {
+      const Instrument& item = market.instruments[k];
+      const int64_t multiplier = MultiplierOf(market, item);
+      if (multiplier != 0) {
+        EXPECT_EQ(item.multiplier, multiplier) << item.code;
+      }
+      if (!item.is_stock() || item.upper_units == 0 || (market.id != kSH && market.id != kSZ)) continue;
+      const double pre = static_cast<double>(item.pre_close_units);
+      EXPECT_NEAR(item.upper_units, pre * (1 + LimitOf(item)), item.tick_units) << item.code;
+      EXPECT_NEAR(item.lower_units, pre * (1 - LimitOf(item)), item.tick_units) << item.code;
+    }
     for (size_t k = 0; k < sample.size(); ++k) seen[k].first = book.level1(market, sample[k], Stamp{0, 0, kToday, 0});
     int64_t step = 0;
     for (int32_t second = 0; second < 86400; second += 20, ++step) {
@@ -196,6 +163,9 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
       const Stamp at{t, 0, kToday, step};
       for (size_t k = 0; k < sample.size(); ++k) {
         const Instrument& item = market.instruments[sample[k]];
+        if (t % 1800 == 0 && item.type_code != kTypeIndex && item.type_code != kTypeHKIndex) {
+          ASSERT_EQ(BookProblem(book.level1(market, sample[k], at), market, item), "") << item.code << " at " << t;
+        }
         if (t == 151000) {  // after-hours fixed-price trading: STAR and ChiNext only
           bool after = item.type_code == kTypeStarStock || item.type_code == kTypeChiNextStock;
           ASSERT_EQ(+book.level1(market, sample[k], at).board_kind, after ? 8u : market.id == kHK ? 2u : market.market_type == 2 ? 3u : 0u)
@@ -261,34 +231,19 @@ TEST(QuotesTest, OneSimulatedDayTradesOnTheGridInsideLimitsAndSessions) {
   }
 }
 
-// The walks move with the clock, not with the streams that read them.
-TEST(QuotesTest, OneStepPerClockStepWhateverReadsTheWalk) {
-  const Universe universe(Universe::kDefaultSeed, kToday);
-  const Market& sh = *universe.market(kSH);
-  const size_t moutai = static_cast<size_t>(find_instrument(sh, "600519"));
-  QuoteBook once(universe.seed()), thrice(universe.seed());
-  for (int64_t step = 0; step < 40; ++step) {
-    const Stamp at{100000, 0, kToday, step};
-    ApiL1Tick a = once.level1(sh, moutai, at);
-    thrice.level2(sh, moutai, at);
-    thrice.market_package(sh, at);
-    ApiL1Tick b = thrice.level1(sh, moutai, at);
-    ASSERT_EQ(std::memcmp(&a, &b, sizeof(a)), 0) << step;
+// The exchanges' calendar: closed through their holidays, open either side;
+// the connect also closes on Hong Kong's holidays, while Shanghai trades.
+TEST(QuotesTest, TradingDaysFollowTheExchangesCalendar) {
+  for (int32_t day : {20241001, 20241004, 20241007, 20240209, 20130211, 20130215, 20121005, 20081001, 20050210,
+                      20011005}) {
+    EXPECT_FALSE(is_trading_day(day)) << day;
   }
-}
-
-TEST(QuotesTest, TheWalkReachesBothLimitsAndStopsThere) {
-  Market market = OneShare(kSZ, kTypeMainStock, 100, 95, 105);  // 1.00, 5% either side
-  QuoteBook book(7);
-  bool up = false, down = false;
-  for (int i = 0; i < 3000; ++i) {
-    ApiL1Tick t = book.level1(market, 0, Stamp{100000, 0, kToday, i});
-    ASSERT_EQ(Problem(t, market.instruments[0]), "") << i;
-    up = up || std::lround(t.last * 100) == 105;
-    down = down || std::lround(t.last * 100) == 95;
+  for (int32_t day : {20240930, 20241008, 20130218, 20121008, 20081006, 20241224}) {
+    EXPECT_TRUE(is_trading_day(day) && is_connect_day(day)) << day;
   }
-  EXPECT_TRUE(up);
-  EXPECT_TRUE(down);
+  for (int32_t day : {20241225, 20241226, 20250418, 20250421, 20240701, 20231023}) {
+    EXPECT_TRUE(is_trading_day(day) && !is_connect_day(day)) << day;
+  }
 }
 
 // Phase codes by product at the edges of their sessions: a Monday (no
@@ -326,39 +281,33 @@ TEST(QuotesTest, FuturesPhasesFollowEachProductsSessions) {
   for (const Edge& e : edges) EXPECT_EQ(code(e.market, e.product, e.date, e.time), e.phase) << e.product << " " << e.date << " " << e.time;
 }
 
-// A STAR share, and a ChiNext one alike, matches after-hours orders at the
-// close from 15:05 to 15:30, apart from its regular volume; nothing trades
-// after that.
-TEST(QuotesTest, AStarShareTradesAfterHoursOnlyInItsWindow) {
-  Market market = OneShare(kSH, kTypeStarStock, 5000, 4000, 6000);
-  QuoteBook book(3);
-  auto value = [](const uint8_t (&field)[4]) {
-    int32_t v;
-    std::memcpy(&v, field, 4);
-    return v;
-  };
-  book.level1(market, 0, Stamp{145900, 0, kToday, 0});
-  ApiL1Tick day = book.level1(market, 0, Stamp{150000, 0, kToday, 1});  // the closing auction's match
-  EXPECT_EQ(+day.board_kind, 0u);
-  ApiL1Tick orders = book.level1(market, 0, Stamp{150001, 0, kToday, 2});
-  ASSERT_EQ(+orders.board_kind, 8u);
-  EXPECT_EQ(+orders.after_hours_time, 150001u);
-  EXPECT_EQ(value(orders.board_value3), 0);  // no matches before 15:05
-  EXPECT_EQ(+orders.last, +day.last);
-  EXPECT_EQ(+orders.volume, +day.volume);
-  float close;
-  std::memcpy(&close, orders.board_value1, 4);
-  EXPECT_EQ(close, +day.last);
-  ApiL1Tick matched = orders;
-  for (int32_t time = 150500; time < 150540; ++time) matched = book.level1(market, 0, Stamp{time, 0, kToday, time});
-  EXPECT_GT(value(matched.board_value2), 0);
-  EXPECT_GE(value(matched.board_value3), 200 * value(matched.board_value2));  // 200 shares at least a match
-  EXPECT_EQ(+matched.volume, +day.volume);
-  ApiL1Tick closed = book.level1(market, 0, Stamp{153001, 0, kToday, 153001});
-  EXPECT_EQ(value(closed.board_value3), value(matched.board_value3));
-  ApiL1Tick after = book.level1(market, 0, Stamp{153006, 0, kToday, 153006});
-  EXPECT_EQ(+after.board_kind, 0u);
-  EXPECT_EQ(+after.volume, +day.volume);
+// A share with a narrow band (1.00, 5% either side) reaches both limits
+// within a few thousand steps, and never passes them.
+TEST(QuotesTest, TheWalkReachesBothLimitsAndStopsThere) {
+  Market market;
+  market.id = kSZ;
+  market.market_type = 1;
+  market.trade_date = kToday;
+  Instrument item;
+  item.code = "000001";
+  item.type_code = kTypeMainStock;
+  item.volume_unit = 100;
+  item.pre_close_units = 100;
+  item.lower_units = 95;
+  item.upper_units = 105;
+  market.instruments.push_back(item);
+  QuoteBook book(7);
+  bool up = false, down = false;
+  for (int i = 0; i < 3000; ++i) {
+    ApiL1Tick t = book.level1(market, 0, Stamp{100000, 0, kToday, i});
+    ASSERT_EQ(BookProblem(t, market, item), "") << i;
+    const long last = std::lround(t.last * 100);
+    ASSERT_TRUE(last >= 95 && last <= 105) << i;
+    up = up || last == 105;
+    down = down || last == 95;
+  }
+  EXPECT_TRUE(up);
+  EXPECT_TRUE(down);
 }
 
 }  // namespace

@@ -1,26 +1,107 @@
-// The simulated service as a host sees it: through GetApiInstance and the
-// control functions that the DataApi library exports.
-#include <algorithm>
+// The simulated service as the library sees it, through the DataApi
+// library's exports: what the library relies on, and the control functions
+// that nothing else exercises.
+#include <cstring>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "dataapi/sim/sim_host_test.h"
+#include <gtest/gtest.h>
+
+#include "dataapi/DataApi.h"
+#include "dataapi/sim/copy_rules_test.h"
+#include "dataapi/sim/sim_control.h"
 #include "dataapi/sim/universe.h"
 
 namespace sim {
 namespace {
 
-std::vector<std::string> Codes(const std::vector<uint8_t>& init) {
-  auto head = Read<ApiMarketInitHead>(init);
-  std::vector<std::string> codes;
-  for (uint32_t i = 0; i < head.code_count; ++i) {
-    codes.emplace_back(Read<ApiCodeInit>(init, sizeof(head) + i * sizeof(ApiCodeInit)).code);
+// Keeps each reply's kind, thread and the bytes the library's adapter copies
+// of it (so that ASan sees a reply shorter than the adapter's copy).
+class Recorder final : public CDataApiCallBack {
+ public:
+  struct Record {
+    std::string kind;
+    std::thread::id thread;
+    std::vector<uint8_t> bytes;
+  };
+
+  int OnMarketInit(const void* r) override { return Keep("init", r, kInitRule); }
+  int OnMarketStatus(const void* r) override { return Keep("status", r, kStatusRule); }
+  int OnRespHKRateData(const void* r) override { return Keep("rates", r, kHKRateRule); }
+  int OnRespBalanceSheetData(const void* r) override { return Keep("balance", r, kBalanceRule); }
+  int OnRespShareData(const void* r) override { return Keep("capital", r, kShareRule); }
+  int OnRespMostShareHolderData(const void* r) override { return Keep("top ten", r, kTopHolderRule); }
+  int OnTickL1(const void* r) override {
+    if (on_tick_) on_tick_();
+    return Keep("l1", r, kTickL1Rule);
   }
-  return codes;
+
+  std::vector<Record> take() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return std::move(records_);
+  }
+  size_t size() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return records_.size();
+  }
+  // Runs on the callback thread before a level-1 snapshot is kept.
+  void on_tick(std::function<void()> fn) { on_tick_ = std::move(fn); }
+
+ private:
+  int Keep(const char* kind, const void* record, const CopyRule& rule) {
+    std::lock_guard<std::mutex> lock(mu_);
+    records_.push_back({kind, std::this_thread::get_id(), CopyLikeTheAdapter(record, rule)});
+    return 0;
+  }
+
+  std::mutex mu_;
+  std::vector<Record> records_;
+  std::function<void()> on_tick_;
+};
+
+template <typename T>
+T Read(const std::vector<uint8_t>& bytes, size_t offset = 0) {
+  T value;
+  std::memcpy(&value, bytes.data() + offset, sizeof(value));
+  return value;
 }
 
-class SimApiTest : public SimHostTest {
+ApiCodeItem Item(const char* code, uint8_t market) {
+  ApiCodeItem item{};
+  std::strncpy(item.code, code, sizeof(item.code) - 1);
+  item.market = market;
+  return item;
+}
+
+// The service registered with one quote server and the recorder, not yet
+// connected; released and unregistered afterwards.
+class SimApiTest : public ::testing::Test {
  protected:
+  SimApiTest() : api_(GetApiInstance()) {
+    ServerLoginConfig login{};
+    std::strcpy(login.servers[0].host, "127.0.0.1");
+    std::strcpy(login.servers[0].port, "7709");
+    servers_[0] = login;
+    api_->RegisterServer(&servers_, &recorder_);
+  }
+  ~SimApiTest() override {
+    api_->Release();
+    api_->RegisterServer(nullptr, nullptr);
+    for (int kind = 1; kind <= 128; kind *= 2) SimSetFinanceReply(kind, 0);
+  }
+
+  void Connect() {
+    ConnectResult result{};
+    ASSERT_EQ(api_->Connect(&result), 0);
+  }
+  // Waits until the service has sent everything asked of it; what it sent.
+  std::vector<Recorder::Record> Settle() {
+    EXPECT_EQ(SimWaitIdle(10000), 1);
+    return recorder_.take();
+  }
   std::vector<uint8_t> InitOf(int market_id) {
     EXPECT_EQ(api_->ReqMarketInit(market_id), 0);
     auto records = Settle();
@@ -28,179 +109,112 @@ class SimApiTest : public SimHostTest {
     return records.empty() ? std::vector<uint8_t>() : records[0].bytes;
   }
 
+  CDataApi* api_;
+  ServerTable servers_;
+  Recorder recorder_;
 };
 
-TEST_F(SimApiTest, RequestsWhileNotConnectedAnswerNothing) {
+TEST_F(SimApiTest, RequestsWhileNotConnectedAndUnknownNamesAreRefused) {
   HKRateRequest rates{};
-  EXPECT_EQ(api_->ReqMarketStatus(0), -1);
-  EXPECT_EQ(api_->ReqMarketInit(0), -1);
-  EXPECT_EQ(api_->ReqMarketOtherBase(kSH), -1);
-  EXPECT_EQ(api_->ReqRefInfo(kSH), -1);
-  EXPECT_EQ(api_->ReqLatestShare(kSH), -1);
-  EXPECT_EQ(api_->ReqBaseData(), -1);
-  EXPECT_EQ(api_->ReqHoliday(2), -1);
-  EXPECT_EQ(api_->ReqHKRate(&rates), -1);
-  EXPECT_EQ(SimChangeMarket(kSH), -1);
+  FinanceRequest finance{};
+  std::strcpy(finance.code, "000001");
+  finance.market = kSZ;
+  FinanceRequest elsewhere = finance;
+  elsewhere.market = kSQ;
+  ApiCodeItem share = Item("600519", kSH);
+  ApiCodeItem unknown[] = {Item("600519", kSH), Item("999999", kSH)};
+  ApiCodeItem no_market = Item("600519", 3);
+  ApiMarketItem sh{kSH, kSH};
+  ApiMarketItem none{3, 3};
+  const std::vector<std::pair<const char*, std::function<int()>>> whenever = {
+      {"status", [&] { return api_->ReqMarketStatus(0); }},
+      {"init", [&] { return api_->ReqMarketInit(0); }},
+      {"reference", [&] { return api_->ReqRefInfo(kSH); }},
+      {"base data", [&] { return api_->ReqBaseData(); }},
+      {"holidays", [&] { return api_->ReqHoliday(2); }},
+      {"rates", [&] { return api_->ReqHKRate(&rates); }},
+      {"finance", [&] { return api_->ReqBalanceSheet(&finance); }},
+      {"level 1", [&] { return api_->SubscribeL1(&share, 1); }},
+      {"level 2", [&] { return api_->SubscribeL2(&share, 1); }},
+      {"market", [&] { return api_->SubscribeMarketPush(&sh); }},
+      {"change", [&] { return SimChangeMarket(kSH); }},
+  };
+  const std::vector<std::pair<const char*, std::function<int()>>> unknown_names = {
+      {"init of market 3", [&] { return api_->ReqMarketInit(3); }},
+      {"holidays of kind 1", [&] { return api_->ReqHoliday(1); }},
+      {"one unknown code", [&] { return api_->SubscribeL1(unknown, 2); }},
+      {"no such market", [&] { return api_->SubscribeL2(&no_market, 1); }},
+      {"no instrument", [&] { return api_->SubscribeL1(unknown, 0); }},
+      {"market 3", [&] { return api_->SubscribeMarketPush(&none); }},
+      {"finance of SQ", [&] { return api_->ReqShareData(&elsewhere); }},
+      {"change of market 3", [&] { return SimChangeMarket(3); }},
+  };
+  for (const auto& [what, call] : whenever) EXPECT_EQ(call(), -1) << what << " before Connect";
   Connect();
+  for (const auto& [what, call] : unknown_names) EXPECT_EQ(call(), -1) << what;
+  EXPECT_TRUE(Settle().empty());
   api_->Release();
-  EXPECT_EQ(api_->ReqMarketStatus(0), -1);
+  for (const auto& [what, call] : whenever) EXPECT_EQ(call(), -1) << what << " after Release";
   EXPECT_TRUE(Settle().empty());
 }
 
-TEST_F(SimApiTest, EveryMarketsStatusAndDataArriveOnTheServicesThread) {
+TEST_F(SimApiTest, RepliesArriveOnTheServicesThreadNeverTheCallers) {
   Connect();
   ASSERT_EQ(api_->ReqMarketStatus(0), 0);
   ASSERT_EQ(api_->ReqMarketInit(0), 0);
   auto records = Settle();
   ASSERT_EQ(records.size(), 16u);
-  std::vector<int> status_ids;
-  std::vector<int> init_ids;
-  for (size_t i = 0; i < records.size(); ++i) {
-    const auto& record = records[i];
+  for (const auto& record : records) {
     EXPECT_NE(record.thread, std::this_thread::get_id());
     EXPECT_EQ(record.thread, records[0].thread);
-    if (i < 8) {
-      ASSERT_EQ(record.kind, "status");
-      auto status = Read<ApiMarketStatus>(record.bytes);
-      status_ids.push_back(status.market_id);
-      EXPECT_EQ(+status.changed, 0);
-      EXPECT_NE(+status.checksum, 0u);
-      continue;
-    }
-    ASSERT_EQ(record.kind, "init");
-    auto head = Read<ApiMarketInitHead>(record.bytes);
-    init_ids.push_back(head.market_id);
-    EXPECT_GT(+head.code_count, 0u);
-    EXPECT_EQ(+head.trade_date, +Read<ApiMarketStatus>(records[i - 8].bytes).date);
-    EXPECT_EQ(record.bytes.size(), sizeof(head) + head.code_count * sizeof(ApiCodeInit));
   }
-  std::vector<int> ids{kSZ, kSH, kSQ, kSN, kDL, kZZ, kZJ, kHK};
-  EXPECT_EQ(status_ids, ids);
-  EXPECT_EQ(init_ids, ids);
-  EXPECT_EQ(api_->ReqMarketInit(3), -1);  // no market has id 3
 }
 
-TEST_F(SimApiTest, AStockMarketsFollowUpRepliesCoverItsInstruments) {
+// After a Release made inside a callback, nothing more reaches the library.
+TEST_F(SimApiTest, ReleaseInsideACallbackDropsTheRestOfTheBatch) {
+  recorder_.on_tick([this] { api_->Release(); });
+  ApiCodeItem items[] = {Item("600519", kSH), Item("600036", kSH), Item("601318", kSH)};
   Connect();
-  std::vector<std::string> codes = Codes(InitOf(kSH));
-  ASSERT_EQ(api_->ReqMarketOtherBase(kSH), 0);
-  ASSERT_EQ(api_->ReqRefInfo(kSH), 0);
-  ASSERT_EQ(api_->ReqLatestShare(kSH), 0);
-  auto records = Settle();
-  ASSERT_EQ(records.size(), 3u);
-
-  ASSERT_EQ(records[0].kind, "other base");
-  auto other = Read<ApiMarketOtherBaseHead>(records[0].bytes);
-  EXPECT_EQ(+other.market_id, kSH);
-  ASSERT_EQ(+other.count, static_cast<int32_t>(codes.size()));
-  int options = 0;
-  for (int32_t i = 0; i < other.count; ++i) {
-    auto item = Read<ApiOtherBaseItem>(records[0].bytes, sizeof(other) + i * sizeof(ApiOtherBaseItem));
-    EXPECT_EQ(std::string(item.code), codes[i]);
-    if (item.board == kBoardOption) ++options;
-  }
-  EXPECT_GT(options, 500);
-
-  ASSERT_EQ(records[1].kind, "reference");
-  auto ref = Read<ApiRefInfoHead>(records[1].bytes);
-  EXPECT_EQ(+ref.count, static_cast<int32_t>(codes.size()));
-  auto first = Read<ApiRefInfoItem>(records[1].bytes, sizeof(ref));
-  EXPECT_EQ(std::string(first.code), codes[0]);
-  EXPECT_FLOAT_EQ(+first.tick, 0.01f);
-
-  ASSERT_EQ(records[2].kind, "share capital");
-  auto shares = Read<ApiLatestShareHead>(records[2].bytes);
-  EXPECT_GT(+shares.count, 2000);
-  auto share = Read<ApiLatestShareItem>(records[2].bytes, sizeof(shares));
-  EXPECT_GE(+share.total_shares, +share.float_shares);
-  EXPECT_GT(+share.float_shares, 0);
+  ASSERT_EQ(api_->SubscribeL1(items, 3), 0);
+  while (recorder_.size() == 0) std::this_thread::yield();
+  EXPECT_EQ(Settle().size(), 1u);
 }
 
-TEST_F(SimApiTest, BaseDataSendsTheSharedFieldsThenTheNewIssues) {
+// Begin and end 0 stand for the connect's whole history.
+TEST_F(SimApiTest, ConnectRatesOfTheWholeHistory) {
   Connect();
-  ASSERT_EQ(api_->ReqBaseData(), 0);
-  auto records = Settle();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].kind, "shared fields");
-  EXPECT_NEAR(+Read<ApiSharedFields>(records[0].bytes).rate, 0.915, 0.02);
-  ASSERT_EQ(records[1].kind, "new issues");
-  auto head = Read<ApiNewIssueHead>(records[1].bytes);
-  EXPECT_GT(+head.count, 0);
-  auto issue = Read<ApiNewIssueItem>(records[1].bytes, sizeof(head));
-  EXPECT_TRUE(issue.market_id == kSH || issue.market_id == kSZ);
-  EXPECT_EQ(std::strlen(issue.code), 6u);
-}
-
-TEST_F(SimApiTest, HolidaysAndConnectRates) {
-  Connect();
-  EXPECT_EQ(api_->ReqHoliday(1), -1);
-  ASSERT_EQ(api_->ReqHoliday(2), 0);
-  HKRateRequest january{};
-  january.field = 7;
-  january.begin = 20240101;
-  january.end = 20240131;
-  ASSERT_EQ(api_->ReqHKRate(&january), 0);
   HKRateRequest all{};
   ASSERT_EQ(api_->ReqHKRate(&all), 0);
   auto records = Settle();
-  ASSERT_EQ(records.size(), 3u);
-
-  auto holidays = Read<ApiHolidayHead>(records[0].bytes);
-  EXPECT_EQ(+holidays.kind, 2);
-  std::vector<int32_t> days(static_cast<size_t>(holidays.count));
-  std::memcpy(days.data(), records[0].bytes.data() + sizeof(holidays), days.size() * sizeof(int32_t));
-  for (int32_t day : {20241001, 20241002, 20241003, 20241004, 20241007}) {
-    EXPECT_NE(std::find(days.begin(), days.end(), day), days.end()) << day;
-  }
-
-  auto head = Read<ApiHKRateHead>(records[1].bytes);
-  EXPECT_EQ(+head.field, 7);
-  EXPECT_EQ(+head.begin, 20240101);
-  EXPECT_EQ(+head.end, 20240131);
-  ASSERT_EQ(+head.count, 22u);  // January 2024 without New Year's Day
-  for (uint32_t i = 0; i < head.count; ++i) {
-    auto rate = Read<ApiHKRateItem>(records[1].bytes, sizeof(head) + i * sizeof(ApiHKRateItem));
-    EXPECT_EQ(rate.date / 100, 202401);
-    EXPECT_NEAR(+rate.rate_a, 0.915, 0.02);
-  }
-  auto whole = Read<ApiHKRateHead>(records[2].bytes);
-  EXPECT_EQ(+whole.begin, Universe::kHKConnectStart);
-  EXPECT_GT(+whole.count, 2800u);
-  EXPECT_EQ(+Read<ApiHKRateItem>(records[2].bytes, sizeof(whole)).date, Universe::kHKConnectStart);
+  ASSERT_EQ(records.size(), 1u);
+  auto head = Read<ApiHKRateHead>(records[0].bytes);
+  EXPECT_EQ(+head.begin, Universe::kHKConnectStart);
+  ASSERT_GT(+head.count, 2800u);
+  EXPECT_EQ(+Read<ApiHKRateItem>(records[0].bytes, sizeof(head)).date, Universe::kHKConnectStart);
 }
 
-TEST_F(SimApiTest, AChangedMarketReportsItAndServesFreshData) {
+TEST_F(SimApiTest, FinanceAnswersCarryTheRequestsIdAndFollowTheReplySetting) {
+  EXPECT_EQ(SimSetFinanceReply(3, 0), -1);
+  EXPECT_EQ(SimSetFinanceReply(16, 4), -1);
   Connect();
-  ASSERT_EQ(api_->ReqMarketStatus(kSZ), 0);
-  auto before = Settle();
-  ASSERT_EQ(before.size(), 1u);
-  std::vector<std::string> codes = Codes(InitOf(kSZ));
-
-  ASSERT_EQ(SimChangeMarket(kSZ), 0);
-  auto reported = Settle();
-  ASSERT_EQ(reported.size(), 1u);
-  ASSERT_EQ(reported[0].kind, "status");
-  auto old_status = Read<ApiMarketStatus>(before[0].bytes);
-  auto new_status = Read<ApiMarketStatus>(reported[0].bytes);
-  EXPECT_EQ(+new_status.market_id, kSZ);
-  EXPECT_EQ(+new_status.changed, 1);
-  EXPECT_NE(+new_status.checksum, +old_status.checksum);
-  EXPECT_GE(+new_status.date, +old_status.date);
-
-  std::vector<std::string> fresh = Codes(InitOf(kSZ));
-  ASSERT_EQ(fresh.size(), codes.size() + 1);  // a new listing
-  std::vector<std::string> added;
-  std::set_difference(fresh.begin(), fresh.end(), codes.begin(), codes.end(), std::back_inserter(added));
-  ASSERT_EQ(added.size(), 1u);
-  EXPECT_EQ(added[0].substr(0, 4), "3016");
-
-  // Reported once: the next status of the market is unchanged.
-  ASSERT_EQ(api_->ReqMarketStatus(kSZ), 0);
-  auto again = Settle();
-  ASSERT_EQ(again.size(), 1u);
-  EXPECT_EQ(+Read<ApiMarketStatus>(again[0].bytes).changed, 0);
-  EXPECT_EQ(+Read<ApiMarketStatus>(again[0].bytes).checksum, +new_status.checksum);
-  EXPECT_EQ(SimChangeMarket(4), -1);
+  FinanceRequest request{};
+  request.request_id = 4711;
+  request.market = kSZ;
+  std::strcpy(request.code, "000001");
+  ASSERT_EQ(SimSetFinanceReply(1, 1), 0);   // never
+  ASSERT_EQ(SimSetFinanceReply(16, 2), 0);  // twice
+  ASSERT_EQ(SimSetFinanceReply(64, 3), 0);  // a count of -1
+  EXPECT_EQ(api_->ReqBalanceSheet(&request), 0);
+  EXPECT_EQ(api_->ReqShareData(&request), 0);
+  EXPECT_EQ(api_->ReqMostShareHolder(&request), 0);
+  auto records = Settle();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].kind, "capital");
+  EXPECT_EQ(+Read<ApiShareRsp>(records[0].bytes).request_id, 4711);
+  EXPECT_GT(+Read<ApiShareRsp>(records[0].bytes).count, 0);
+  EXPECT_EQ(records[1].bytes, records[0].bytes);
+  EXPECT_EQ(records[2].kind, "top ten");
+  EXPECT_EQ(+Read<ApiShareRsp>(records[2].bytes).count, -1);
 }
 
 TEST_F(SimApiTest, ASeedPicksItsUniverseFromTheNextConnect) {
@@ -213,10 +227,8 @@ TEST_F(SimApiTest, ASeedPicksItsUniverseFromTheNextConnect) {
   std::vector<uint8_t> first = connect_with(99);
   SimSetSeed(98);
   EXPECT_EQ(InitOf(kZJ), first);  // not before the next connect
-  std::vector<uint8_t> other = connect_with(98);
-  std::vector<uint8_t> again = connect_with(99);
-  EXPECT_NE(other, first);
-  EXPECT_EQ(again, first);
+  EXPECT_NE(connect_with(98), first);
+  EXPECT_EQ(connect_with(99), first);
   connect_with(static_cast<unsigned>(Universe::kDefaultSeed));
 }
 

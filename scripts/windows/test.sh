@@ -15,7 +15,7 @@ scripts/windows/build-deps.sh
 
 echo "== win64: build"
 scripts/build.sh win64 -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
-  -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON
+  -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON -DCMAKE_UNITY_BUILD=ON
 
 # --- export and import tables ---------------------------------------------------
 objdump=x86_64-w64-mingw32-objdump
