@@ -14,6 +14,7 @@
 
 #include "capture/catalog.h"
 #include "dataapi/record_size.h"
+#include "utils/settings_lines.h"
 #include "dataapi/ApiRecords.h"
 
 namespace bus {
@@ -22,13 +23,6 @@ namespace {
 
 constexpr char kChunkMagic[4] = {'K', 'Q', 'C', 'K'};
 constexpr size_t kChunkHead = 12;
-
-std::string Trim(const std::string& s) {
-  size_t b = s.find_first_not_of(" \t\r");
-  if (b == std::string::npos) return {};
-  size_t e = s.find_last_not_of(" \t\r");
-  return s.substr(b, e - b + 1);
-}
 
 bool ParseInt(const std::string& text, int64_t lo, int64_t hi, int64_t* out) {
   if (text.empty()) return false;
@@ -184,22 +178,12 @@ bool read_settings_file(const std::string& path, Settings* settings, std::string
     *error = path + ": cannot be read";
     return false;
   }
-  std::string line;
-  for (int number = 1; std::getline(in, line) && number < 100000; ++number) {
-    if (size_t hash = line.find('#'); hash != std::string::npos) line.resize(hash);
-    line = Trim(line);
-    if (line.empty()) continue;
-    size_t eq = line.find('=');
-    std::string why;
-    if (eq == std::string::npos) {
-      why = "not key = value";
-    } else if (Apply(settings, Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)), &why)) {
-      continue;
-    }
-    *error = path + " line " + std::to_string(number) + ": " + why;
-    return false;
-  }
-  return true;
+  auto apply = [settings](const std::string& key, const std::string& value, std::string* why) {
+    return Apply(settings, key, value, why);
+  };
+  if (utils::read_settings_lines(in, apply, error)) return true;
+  *error = path + " " + *error;
+  return false;
 }
 
 bool settings_from_environment(Settings* settings, std::string* error, bool read_file) {
@@ -234,7 +218,7 @@ natsConnection* connect(const Settings& s, const std::string& client_name, const
   for (size_t at = 0; at <= s.urls.size();) {
     size_t comma = s.urls.find(',', at);
     if (comma == std::string::npos) comma = s.urls.size();
-    std::string url = Trim(s.urls.substr(at, comma - at));
+    std::string url = utils::trim_setting(s.urls.substr(at, comma - at));
     if (!url.empty()) urls.push_back(url);
     at = comma + 1;
   }

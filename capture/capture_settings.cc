@@ -5,7 +5,7 @@
 
 #include "log/MyLog.h"
 #include "port/port.h"
-#include "utils/utils.h"
+#include "utils/settings_lines.h"
 
 namespace tavr {
 
@@ -24,21 +24,11 @@ bool ParseMegabytes(const std::string& value, uint64_t low, uint64_t high, uint6
 CaptureSettings parse_capture_settings(const std::string& text, std::string* error) {
   CaptureSettings settings;
   std::istringstream lines(text);
-  std::string line;
-  int number = 0;
-  auto bad = [&](const std::string& why) {
-    *error = "line " + std::to_string(number) + ": " + why;
-    return CaptureSettings{};
-  };
-  while (std::getline(lines, line)) {
-    ++number;
-    line = line.substr(0, line.find('#'));
-    line = utils::trimWhiteSpaces(line);
-    if (line.empty()) continue;
-    size_t eq = line.find('=');
-    if (eq == std::string::npos) return bad("no '=' in \"" + line + "\"");
-    std::string key = utils::trimWhiteSpaces(line.substr(0, eq));
-    std::string value = utils::trimWhiteSpaces(line.substr(eq + 1));
+  auto apply = [&settings](const std::string& key, const std::string& value, std::string* why) {
+    auto bad = [why](const std::string& text) {
+      *why = text;
+      return false;
+    };
     uint64_t bytes = 0;
     if (key == "enabled") {
       if (value == "true" || value == "1") {
@@ -60,7 +50,9 @@ CaptureSettings parse_capture_settings(const std::string& text, std::string* err
     } else {
       return bad("unknown setting \"" + key + "\"");
     }
-  }
+    return true;
+  };
+  if (!utils::read_settings_lines(lines, apply, error)) return CaptureSettings{};
   error->clear();
   return settings;
 }

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "store/store.h"
+#include "utils/settings_lines.h"
 
 namespace record {
 
@@ -25,18 +26,12 @@ const char kUsage[] =
 
 namespace {
 
-std::string Trim(const std::string& s) {
-  size_t a = s.find_first_not_of(" \t\r");
-  size_t b = s.find_last_not_of(" \t\r");
-  return a == std::string::npos ? "" : s.substr(a, b - a + 1);
-}
-
 bool ParseList(const std::string& value, bool symbols, std::vector<std::string>* out, std::string* error) {
   out->clear();
   std::stringstream in(value);
   std::string item;
   while (std::getline(in, item, ',')) {
-    item = Trim(item);
+    item = utils::trim_setting(item);
     if (item.empty()) continue;
     std::string code, market;
     if (symbols && !kqstore::SplitSymbol(item, &code, &market)) {
@@ -107,22 +102,11 @@ bool Apply(const std::string& key, const std::string& value, Settings* s, std::s
 }  // namespace
 
 bool ParseSettings(const std::string& text, Settings* settings, std::string* error) {
-  std::stringstream in(text);
-  std::string line;
-  for (int number = 1; std::getline(in, line); ++number) {
-    line = Trim(line.substr(0, line.find('#')));
-    if (line.empty()) continue;
-    size_t eq = line.find('=');
-    std::string why;
-    if (eq == std::string::npos) {
-      why = "expected key = value";
-    } else if (Apply(Trim(line.substr(0, eq)), Trim(line.substr(eq + 1)), settings, &why)) {
-      continue;
-    }
-    *error = "line " + std::to_string(number) + ": " + why;
-    return false;
-  }
-  return true;
+  std::istringstream in(text);
+  auto apply = [settings](const std::string& key, const std::string& value, std::string* why) {
+    return Apply(key, value, settings, why);
+  };
+  return utils::read_settings_lines(in, apply, error);
 }
 
 bool LoadSettings(const std::string& path, Settings* settings, std::string* error) {
