@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <numeric>
 
 #include "store/backends.h"
@@ -193,17 +194,34 @@ class PostgresStore : public Store {
     return exec("COMMIT", error);
   }
 
+  // The rows of table of one instrument between two times (ms since the
+  // epoch), in order; interval narrows bars to one length. Null on failure.
+  std::unique_ptr<Result> SelectRange(const std::string& columns, const char* table, const std::string* interval,
+                                      const std::string& symbol, const std::string& market, int64_t from, int64_t to,
+                                      const char* order, std::string* error) {
+    std::string sql = std::string("SELECT ") + kMs + "," + columns + " FROM " + table +
+                      " WHERE symbol=$1 AND market=$2 AND time BETWEEN"
+                      " timestamptz 'epoch' + $3::bigint * interval '1 millisecond' AND"
+                      " timestamptz 'epoch' + $4::bigint * interval '1 millisecond'" +
+                      (interval != nullptr ? " AND interval=$5" : "") + " ORDER BY " + order;
+    std::string f = std::to_string(from), t = std::to_string(to);
+    const char* params[] = {symbol.c_str(), market.c_str(), f.c_str(), t.c_str(),
+                            interval != nullptr ? interval->c_str() : nullptr};
+    auto r = std::make_unique<Result>(
+        PQexecParams(conn_, sql.c_str(), interval != nullptr ? 5 : 4, nullptr, params, nullptr, nullptr, 0));
+    if (r->status() != PGRES_TUPLES_OK) {
+      fail(error, PQresultErrorMessage(r->get()));
+      return nullptr;
+    }
+    return r;
+  }
+
   bool Bars(const std::string& symbol, const std::string& market, const std::string& interval, int64_t from,
             int64_t to, std::vector<Bar>* out, std::string* error) override {
     if (!connected(error)) return false;
-    std::string sql = std::string("SELECT ") + kMs + "," + BarValueColumns() +
-                      " FROM bars WHERE symbol=$1 AND market=$2 AND interval=$3 AND time BETWEEN"
-                      " timestamptz 'epoch' + $4::bigint * interval '1 millisecond' AND"
-                      " timestamptz 'epoch' + $5::bigint * interval '1 millisecond' ORDER BY time";
-    std::string f = std::to_string(from), t = std::to_string(to);
-    const char* params[] = {symbol.c_str(), market.c_str(), interval.c_str(), f.c_str(), t.c_str()};
-    Result r(PQexecParams(conn_, sql.c_str(), 5, nullptr, params, nullptr, nullptr, 0));
-    if (r.status() != PGRES_TUPLES_OK) return fail(error, PQresultErrorMessage(r.get()));
+    auto rows = SelectRange(BarValueColumns(), "bars", &interval, symbol, market, from, to, "time", error);
+    if (rows == nullptr) return false;
+    const Result& r = *rows;
     for (int i = 0; i < PQntuples(r.get()); ++i) {
       Bar b;
       b.symbol = symbol;
@@ -225,14 +243,9 @@ class PostgresStore : public Store {
   bool Ticks(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
              std::vector<Tick>* out, std::string* error) override {
     if (!connected(error)) return false;
-    std::string sql = std::string("SELECT ") + kMs + ",seq," + TickValueColumns() +
-                      " FROM ticks WHERE symbol=$1 AND market=$2 AND time BETWEEN"
-                      " timestamptz 'epoch' + $3::bigint * interval '1 millisecond' AND"
-                      " timestamptz 'epoch' + $4::bigint * interval '1 millisecond' ORDER BY time, seq";
-    std::string f = std::to_string(from), t = std::to_string(to);
-    const char* params[] = {symbol.c_str(), market.c_str(), f.c_str(), t.c_str()};
-    Result r(PQexecParams(conn_, sql.c_str(), 4, nullptr, params, nullptr, nullptr, 0));
-    if (r.status() != PGRES_TUPLES_OK) return fail(error, PQresultErrorMessage(r.get()));
+    auto rows = SelectRange(std::string("seq,") + TickValueColumns(), "ticks", nullptr, symbol, market, from, to, "time, seq", error);
+    if (rows == nullptr) return false;
+    const Result& r = *rows;
     for (int i = 0; i < PQntuples(r.get()); ++i) {
       Tick k;
       k.symbol = symbol;
@@ -257,14 +270,10 @@ class PostgresStore : public Store {
   bool Trades(const std::string& symbol, const std::string& market, int64_t from, int64_t to,
               std::vector<Trade>* out, std::string* error) override {
     if (!connected(error)) return false;
-    std::string sql = std::string("SELECT ") + kMs +
-                      ", seq, price, volume, amount, side, number FROM trades WHERE symbol=$1 AND market=$2 AND time"
-                      " BETWEEN timestamptz 'epoch' + $3::bigint * interval '1 millisecond' AND"
-                      " timestamptz 'epoch' + $4::bigint * interval '1 millisecond' ORDER BY time, seq";
-    std::string f = std::to_string(from), t = std::to_string(to);
-    const char* params[] = {symbol.c_str(), market.c_str(), f.c_str(), t.c_str()};
-    Result r(PQexecParams(conn_, sql.c_str(), 4, nullptr, params, nullptr, nullptr, 0));
-    if (r.status() != PGRES_TUPLES_OK) return fail(error, PQresultErrorMessage(r.get()));
+    auto rows = SelectRange("seq, price, volume, amount, side, number", "trades", nullptr, symbol, market, from, to,
+                            "time, seq", error);
+    if (rows == nullptr) return false;
+    const Result& r = *rows;
     for (int i = 0; i < PQntuples(r.get()); ++i) {
       out->push_back(Trade{symbol, market, r.i64(i, 0), static_cast<int32_t>(r.i64(i, 1)), r.f64(i, 2), r.i64(i, 3),
                            r.f64(i, 4), r.at(i, 5), r.i64(i, 6)});
