@@ -21,7 +21,7 @@ namespace {
 
 // Key text compares bytewise ("C"): the locale's rules cost every index
 // comparison and buy nothing for codes.
-const char kSchema[] =
+const char kPostgresSchema[] =
     "CREATE TABLE IF NOT EXISTS bars(symbol text COLLATE \"C\" NOT NULL, market text COLLATE \"C\" NOT NULL,"
     " interval text COLLATE \"C\" NOT NULL,"
     " time timestamptz NOT NULL, open float8, high float8, low float8, close float8, volume bigint, amount float8,"
@@ -177,7 +177,7 @@ class PostgresStore : public Store {
     conn_ = PQconnectdb(url.c_str());
     if (PQstatus(conn_) != CONNECTION_OK) return fail(error, "cannot connect to " + url + ": " + PQerrorMessage(conn_));
     PQsetNoticeProcessor(conn_, [](void*, const char*) {}, nullptr);
-    return exec(kSchema, error) && exec(kStaging, error);
+    return exec(kPostgresSchema, error) && exec(kStaging, error);
   }
 
   bool Write(const Batch& batch, std::string* error) override {
@@ -319,7 +319,7 @@ class PostgresStore : public Store {
     if (PQstatus(conn_) == CONNECTION_OK) return true;
     PQreset(conn_);
     if (PQstatus(conn_) != CONNECTION_OK) return fail(error, std::string("connection lost: ") + PQerrorMessage(conn_));
-    return exec(kSchema, error) && exec(kStaging, error);
+    return exec(kPostgresSchema, error) && exec(kStaging, error);
   }
 
   bool exec(const char* sql, std::string* error) {

@@ -11,7 +11,7 @@
 namespace kqstore {
 namespace {
 
-const char kSchema[] =
+const char kSqliteSchema[] =
     "CREATE TABLE IF NOT EXISTS bars(symbol TEXT NOT NULL, market TEXT NOT NULL, interval TEXT NOT NULL,"
     " time INTEGER NOT NULL, open REAL, high REAL, low REAL, close REAL, volume INTEGER, amount REAL,"
     " open_interest INTEGER, PRIMARY KEY(symbol, market, interval, time)) WITHOUT ROWID;"
@@ -63,7 +63,7 @@ class SqliteStore : public Store {
     // A large page cache: rows of thousands of instruments land all over the
     // key order, and a cache that holds the tables' hot pages saves rereading them.
     if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA cache_size=-262144; PRAGMA mmap_size=1073741824; PRAGMA wal_autocheckpoint=16384;", error) ||
-        !exec(kSchema, error)) {
+        !exec(kSqliteSchema, error)) {
       return false;
     }
     std::string ticks = std::string("INSERT OR REPLACE INTO ticks(symbol,market,time,seq,") + TickValueColumns() + ") VALUES(" +
