@@ -1,6 +1,7 @@
 // History reply blocks: one skeleton for bars, after-hours ticks and level-1
-// ticks (find the market, wait for it, find the instrument and the request,
-// convert, deliver), told apart by a block description.
+// ticks (find the market, park the block until it is ready, find the
+// instrument and the request, convert, deliver), told apart by a block
+// description.
 #include <algorithm>
 #include <cstring>
 #include <string>
