@@ -6,12 +6,14 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <memory>
 #include <string>
 #include <thread>
@@ -109,6 +111,8 @@ class DvDataMgr {
   // One back-off step while a market initialises: logs, then sleeps 400 ms
   // for attempts up to 5 and 1000 ms after.
   void waitDynamicTime(int attempt, const char* function, const std::string& market, char kind);
+  // The step's line alone; returns the milliseconds the step lasts.
+  static int log_wait_step(int attempt, const char* function, const std::string& market, char kind);
 
   // Routes one message to its handler. Service threads only. size bounds the
   // bytes of data that handlers may read.
@@ -239,6 +243,10 @@ class DvDataMgr {
   // Waits until every queued message has been handled; false on time-out.
   bool wait_idle(int timeout_ms);
   size_t queue_size() const;
+  // Logs the wait steps of parked history blocks that came due by now and
+  // drops the blocks whose waits ran out; the time of the next step due, or
+  // max() when none is. The timer thread calls it as steps come due.
+  std::chrono::steady_clock::time_point age_parked(std::chrono::steady_clock::time_point now);
 
  private:
   void service_loop(uint64_t run, int server);
@@ -246,16 +254,11 @@ class DvDataMgr {
   // looked up into scratch; null after its line when the market or the
   // instrument is missing or the market initialising.
   const TickRoute* l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch);
-  void stand_in_loop(uint64_t run, int slot);
-  static unsigned StandInThread(void* slot);
   // Handles msg and, when it belongs to a strand, the strand's messages
   // that queued up meanwhile.
   void handle_chain(int server, DataMsg* msg);
   void timer_loop(uint64_t run);
   void handle_msg(int server, DataMsg* msg);
-  // A service thread is about to wait for a reply: when no other server is
-  // left to take replies, a stand-in starts.
-  void enter_blocked();
   void start_timer_thread();
   void end_timer_thread();
   void seed_markets();
@@ -273,8 +276,15 @@ class DvDataMgr {
   void level2_stream(const void* data, size_t size, const Level2Stream& stream, Make make);
 
   // The skeleton of the three history reply handlers; Block tells them apart.
+  // parked: the block waited for its market and was logged on arrival.
   template <typename Block>
-  void history_reply(const void* data, size_t size);
+  void history_reply(const void* data, size_t size, bool parked = false);
+  // Parks the block when its market is not ready or has blocks parked: true
+  // when parked (data copied), false when it is to be handled now.
+  struct ParkedBlock;
+  bool park(const MarketInfo& market, ParkedBlock block, const void* data, size_t size);
+  // Handles the blocks parked on market once it is ready, in arrival order.
+  void release_parked(const MarketInfo& market);
   // Milliseconds since the request id was sent, 0 when unknown.
   double since_sent(uint16_t id);
 
@@ -337,20 +347,6 @@ class DvDataMgr {
   MsgQueue queue_;
   int next_shard_ = 0;  // hands each service thread its shard; under lifecycle_mu_
 
-  // Servers taking replies (service threads and stand-ins), and how many of
-  // them wait inside waitDynamicTime.
-  std::mutex stand_in_mu_;
-  int serving_ = 0;
-  std::atomic<int> blocked_{0};
-  struct StandIn {
-    DvDataMgr* mgr = nullptr;
-    int slot = 0;
-    uint64_t run = 0;
-    ThreadHandle thread = nullptr;
-    bool live = false;  // guarded by stand_in_mu_
-  };
-  StandIn stand_ins_[MsgQueue::kMaxStandIns];
-
   // Messages handled per server (the last slot counts those dropped
   // unhandled), against those the queue took, for wait_idle. Apart, so that
   // each service thread counts on a cache line of its own.
@@ -376,6 +372,26 @@ class DvDataMgr {
   // outstanding. Each side takes an entry of the other's length for none.
   mutable std::mutex his_request_mu_;
   std::map<uint16_t, std::vector<int32_t>> his_request_infos;
+  // History blocks that came before their market was ready, in arrival
+  // order. Invariant: a block is parked only while its market is not ready
+  // or its market is draining, both checked under parked_mu_; whoever makes
+  // a market ready takes parked_mu_ afterwards (release_parked), so no block
+  // is left parked on a ready market. A draining market's thread handles its
+  // blocks one by one and new ones queue behind them, which keeps each
+  // request's block order.
+  struct ParkedBlock {
+    void (DvDataMgr::*handle)(const void*, size_t, bool);
+    const char* tag;
+    const char* give_up;  // format of the line that drops the block
+    std::string market;
+    std::vector<uint8_t> bytes;
+    int waits;
+    std::chrono::steady_clock::time_point due;  // of the next wait step
+  };
+  std::mutex parked_mu_;
+  std::deque<ParkedBlock> parked_;
+  std::set<std::string> draining_;
+  bool timer_poke_ = false;  // under timer_mu_: a block was parked
   std::mutex send_times_mu_;
   std::map<uint16_t, double> request_send_times;  // ms, when each id was last sent
 

@@ -119,10 +119,6 @@ bool DvDataMgr::start() {
         in_loop_[run] = count;
         stale_before_ = queue_.pushed();
       }
-      {
-        std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
-        serving_ = count;
-      }
       current_run_.store(run, std::memory_order_release);
       thread_count_.store(count);
       threads_ = static_cast<ThreadHandle*>(zmalloc(sizeof(ThreadHandle) * count));
@@ -177,15 +173,6 @@ bool DvDataMgr::end_run() {
     zfree(threads_);
     threads_ = nullptr;
     thread_count_.store(0);
-    {
-      std::lock_guard<std::mutex> stand_in_lock(stand_in_mu_);
-      for (StandIn& stand_in : stand_ins_) {
-        port::DetachThread(stand_in.thread);
-        stand_in.thread = nullptr;
-        stand_in.live = false;
-      }
-      serving_ = 0;
-    }
     {
       // The timer's wait reads the run under this lock: it cannot miss the end.
       std::lock_guard<std::mutex> timer_lock(timer_mu_);
@@ -332,60 +319,6 @@ void DvDataMgr::service_loop(uint64_t run, int server) {
   leave_run(run);
 }
 
-void DvDataMgr::enter_blocked() {
-  int blocked = blocked_.fetch_add(1) + 1;
-  std::lock_guard<std::mutex> lock(stand_in_mu_);
-  if (!run_current(t_run) || blocked < serving_) return;
-  for (StandIn& stand_in : stand_ins_) {
-    if (stand_in.live) continue;
-    // The slot's earlier thread has left its loop; only its handle remains.
-    port::DetachThread(stand_in.thread);
-    stand_in.mgr = this;
-    stand_in.slot = static_cast<int>(&stand_in - stand_ins_);
-    stand_in.run = t_run;
-    stand_in.live = true;
-    ++serving_;
-    {
-      std::lock_guard<std::mutex> serve_lock(serve_mu_);
-      ++in_loop_[t_run];
-    }
-    stand_in.thread = thread_create(&DvDataMgr::StandInThread, &stand_in);
-    return;
-  }
-}
-
-unsigned DvDataMgr::StandInThread(void* arg) {
-  auto* stand_in = static_cast<StandIn*>(arg);
-  // Read before the slot can be handed to another run.
-  stand_in->mgr->stand_in_loop(stand_in->run, stand_in->slot);
-  return 0;
-}
-
-// Takes replies while every service thread waits inside a handler; leaves
-// once it is idle and another server is free.
-void DvDataMgr::stand_in_loop(uint64_t run, int slot) {
-  t_serving = this;
-  t_run = run;
-  int server = MsgQueue::kMaxShards + slot;
-  while (run_current(run)) {
-    if (DataMsg* msg = queue_.take(server)) {
-      handle_chain(server, msg);
-      continue;
-    }
-    {
-      std::lock_guard<std::mutex> lock(stand_in_mu_);
-      if (serving_ - blocked_.load() > 1) {
-        --serving_;
-        stand_ins_[slot].live = false;
-        break;
-      }
-    }
-    queue_.wait_for(server, 50);
-  }
-  t_serving = nullptr;
-  leave_run(run);
-}
-
 int64_t DvDataMgr::pending() const {
   // Handled first: every message counted handled was counted pushed before,
   // so the difference is never below the truth.
@@ -417,14 +350,25 @@ void DvDataMgr::timer_loop(uint64_t run) {
   timer_started_.store(1);
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
   int last_date = -1;
+  using Clock = std::chrono::steady_clock;
+  // The daily check keeps its period; parked history blocks wake the thread
+  // for their wait steps in between.
+  Clock::time_point daily = Clock::now() + std::chrono::milliseconds(timer_period_ms_);
+  Clock::time_point parked = Clock::time_point::max();
   while (true) {
     {
       std::unique_lock<std::mutex> lock(timer_mu_);
-      if (timer_cv_.wait_for(lock, std::chrono::milliseconds(timer_period_ms_), [&] { return !run_current(run); })) {
+      if (timer_cv_.wait_until(lock, std::min(daily, parked), [&] { return !run_current(run) || timer_poke_; }) &&
+          !run_current(run)) {
         CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread end......");
         return;
       }
+      timer_poke_ = false;
     }
+    Clock::time_point woke = Clock::now();
+    parked = age_parked(woke);
+    if (woke < daily) continue;
+    daily = woke + std::chrono::milliseconds(timer_period_ms_);
     int64_t seconds = static_cast<int64_t>(clock_());
     int64_t now = utils::millisecondsToTime(seconds * 1000);
     if (!daily_job_due(now, last_date)) continue;
@@ -435,20 +379,20 @@ void DvDataMgr::timer_loop(uint64_t run) {
   }
 }
 
-void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::string& market, char kind) {
-  // A service thread that waits here is not taking replies meanwhile.
-  bool serving = t_serving == this;
-  if (serving) enter_blocked();
+int DvDataMgr::log_wait_step(int attempt, const char* function, const std::string& market, char kind) {
   if (attempt > 5) {
     CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待1000ms后开始处理![#%d]",
                      function, market.c_str(), kind, attempt);
-    sleeper_ ? sleeper_(1000) : port::SleepMs(1000);
-  } else {
-    CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待400ms![#%d]", function,
-                     market.c_str(), kind, attempt);
-    sleeper_ ? sleeper_(400) : port::SleepMs(400);
+    return 1000;
   }
-  if (serving) blocked_.fetch_sub(1);
+  CMyLog::PrintLog(LOG_INFO, "DvDataMgr::waitDynamicTime", "[%s]%s-%d信息正初始化，等待400ms![#%d]", function,
+                   market.c_str(), kind, attempt);
+  return 400;
+}
+
+void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::string& market, char kind) {
+  int ms = log_wait_step(attempt, function, market, kind);
+  sleeper_ ? sleeper_(ms) : port::SleepMs(ms);
 }
 
 void DvDataMgr::set_connected(bool connected) {

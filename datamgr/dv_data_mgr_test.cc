@@ -222,32 +222,6 @@ TEST_F(DataMgrTest, ServiceThreadsSurviveExceptionsAndLogThePayloadPointer) {
   EXPECT_TRUE(mgr_.stop());
 }
 
-// Replies that wait inside their handler for a later reply: the later one is
-// still handled, by another service thread or, once every thread waits, by
-// a stand-in.
-TEST_F(DataMgrTest, NoReplyWaitsBehindHandlersThatWaitForIt) {
-  ASSERT_TRUE(mgr_.init(true));
-  mgr_.set_sleeper([](int) { port::SleepMs(2); });
-  std::atomic<bool> released{false};
-  std::atomic<int> waited_out{0};
-  mgr_.set_message_hook([&](uint32_t, void* data, size_t) {
-    if (PayloadOf(data) == 0) {
-      released = true;
-      return;
-    }
-    for (int attempt = 1; !released.load() && attempt <= 500; ++attempt) {
-      mgr_.waitDynamicTime(attempt, "F", "SH", 1);
-    }
-    if (released.load()) ++waited_out;
-  });
-  ASSERT_TRUE(mgr_.start());  // two service threads
-  for (int i = 1; i <= 3; ++i) mgr_.push_msg(NewMsg(14, i));
-  mgr_.push_msg(NewMsg(14, 0));
-  ASSERT_TRUE(mgr_.wait_idle(10000));
-  EXPECT_EQ(waited_out.load(), 3);
-  EXPECT_TRUE(mgr_.stop());
-}
-
 TEST_F(DataMgrTest, StaleMessageBeforeStartLosesOnlyTheOldest) {
   ASSERT_TRUE(mgr_.init(true));
   std::atomic<int> handled{0};

@@ -10,8 +10,7 @@
 // shared FIFO hands a strand's messages out one at a time, in order.
 //
 // Servers are numbered: 0 to n-1 are the service threads of activate(n),
-// whose FIFOs take stream messages; further slots up to kMaxServers serve
-// the shared FIFO only (stand-ins while every service thread is blocked).
+// whose FIFOs take stream messages.
 //
 // The queue also owns the memory of small messages: their blocks go back to
 // a spare list when handled, and the vendor's thread takes them from there.
@@ -38,8 +37,7 @@ struct DataMsg;
 class MsgQueue {
  public:
   static constexpr int kMaxShards = 20;
-  static constexpr int kMaxStandIns = 16;
-  static constexpr int kMaxServers = kMaxShards + kMaxStandIns;
+  static constexpr int kMaxServers = kMaxShards;
 
   MsgQueue();
   ~MsgQueue();  // frees whatever is still queued

@@ -1,6 +1,7 @@
 // History reply blocks: one skeleton for bars, after-hours ticks and level-1
-// ticks (find the market, wait for it, find the instrument and the request,
-// convert, deliver), told apart by a block description.
+// ticks (find the market, park the block until it is ready, find the
+// instrument and the request, convert, deliver), told apart by a block
+// description.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -111,7 +112,7 @@ class RecordList {
 }  // namespace
 
 template <typename Block>
-void DvDataMgr::history_reply(const void* data, size_t size) {
+void DvDataMgr::history_reply(const void* data, size_t size, bool parked) {
   using Head = typename Block::Head;
   const Texts& texts = Block::texts();
   Head head;
@@ -126,21 +127,18 @@ void DvDataMgr::history_reply(const void* data, size_t size) {
   const bool last = Block::last(head);
   const std::string name = get_market_name_by_id(head.market_id);
   const std::string code = field_text(head.code);
-  CMyLog::PrintLog(LOG_INFO, kFunction, texts.received.c_str(), id, code.c_str(), name.c_str(), count,
-                   last ? "Last" : "Continue", since_sent(key));
-
+  if (!parked) {
+    CMyLog::PrintLog(LOG_INFO, kFunction, texts.received.c_str(), id, code.c_str(), name.c_str(), count,
+                     last ? "Last" : "Continue", since_sent(key));
+  }
   auto market = markets_.find(name);
   if (market == nullptr) {
     CMyLog::PrintLog(LOG_ERROR, kFunction, texts.no_market.c_str(), name.c_str());
     return;
   }
-  auto ready = [&market] { return market->initialised.load() && market->ref_info_ready.load(); };
-  for (int waits = 0; !ready(); ) {
-    if (waits == 20) {
-      CMyLog::PrintLog(LOG_ERROR, kFunction, texts.not_ready.c_str(), name.c_str());
-      return;
-    }
-    waitDynamicTime(++waits, Block::kTag, name, 0);
+  if (!parked && park(*market, ParkedBlock{&DvDataMgr::history_reply<Block>, Block::kTag, texts.not_ready.c_str(),
+                                          name, {}, 1, {}}, data, size)) {
+    return;
   }
   HisBlock block;
   if (instrument_view(*market, code, block.instrument) == 0) {
@@ -211,6 +209,86 @@ void DvDataMgr::history_reply(const void* data, size_t size) {
   }
   CMyLog::PrintLog(LOG_INFO, kFunction, texts.returned.c_str(), id, code.c_str(), name.c_str(),
                    static_cast<int>(records.size()));
+}
+
+namespace {
+bool Ready(const MarketInfo& market) { return market.initialised.load() && market.ref_info_ready.load(); }
+}  // namespace
+
+bool DvDataMgr::park(const MarketInfo& market, ParkedBlock block, const void* data, size_t size) {
+  {
+    std::lock_guard<std::mutex> lock(parked_mu_);
+    bool queued = draining_.count(block.market) != 0 ||
+                  std::any_of(parked_.begin(), parked_.end(),
+                              [&](const ParkedBlock& p) { return p.market == block.market; });
+    if (!queued && Ready(market)) return false;
+    // The first wait step's line comes now, the others when due.
+    int ms = log_wait_step(1, block.tag, block.market, 0);
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    block.bytes.assign(bytes, bytes + size);
+    block.due = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    parked_.push_back(std::move(block));
+  }
+  {
+    std::lock_guard<std::mutex> lock(timer_mu_);
+    timer_poke_ = true;
+  }
+  timer_cv_.notify_all();
+  return true;
+}
+
+void DvDataMgr::release_parked(const MarketInfo& market) {
+  const std::string& name = market.name;
+  {
+    std::lock_guard<std::mutex> lock(parked_mu_);
+    if (draining_.count(name) != 0) return;
+    draining_.insert(name);
+  }
+  // Drains while the market stays ready. The drain ends under the same lock
+  // that finds nothing left, so a block parked behind it is never stranded.
+  while (true) {
+    ParkedBlock block;
+    {
+      std::lock_guard<std::mutex> lock(parked_mu_);
+      auto it = std::find_if(parked_.begin(), parked_.end(), [&](const ParkedBlock& p) { return p.market == name; });
+      if (it == parked_.end() || !Ready(market)) {
+        draining_.erase(name);
+        return;
+      }
+      block = std::move(*it);
+      parked_.erase(it);
+    }
+    try {
+      (this->*block.handle)(block.bytes.data(), block.bytes.size(), true);
+    } catch (...) {
+      // The rest stay parked for the next release or their expiry.
+      std::lock_guard<std::mutex> lock(parked_mu_);
+      draining_.erase(name);
+      throw;
+    }
+  }
+}
+
+std::chrono::steady_clock::time_point DvDataMgr::age_parked(std::chrono::steady_clock::time_point now) {
+  auto next = std::chrono::steady_clock::time_point::max();
+  std::lock_guard<std::mutex> lock(parked_mu_);
+  for (auto it = parked_.begin(); it != parked_.end();) {
+    if (draining_.count(it->market) != 0) {
+      ++it;
+      continue;
+    }
+    while (it->due <= now && it->waits < 20) {
+      it->due += std::chrono::milliseconds(log_wait_step(++it->waits, it->tag, it->market, 0));
+    }
+    if (it->due <= now) {
+      CMyLog::PrintLog(LOG_ERROR, kFunction, it->give_up, it->market.c_str());
+      it = parked_.erase(it);
+      continue;
+    }
+    next = std::min(next, it->due);
+    ++it;
+  }
+  return next;
 }
 
 void DvDataMgr::on_reply_data(const ApiHisDataRsp* data, size_t size) { history_reply<BarBlock>(data, size); }

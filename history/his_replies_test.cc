@@ -229,6 +229,8 @@ TEST_F(HistoryTest, ABlockWaitsForItsMarketAndGivesUpAfterTwentyWaits) {
   int16_t id = host_request("SH", "600000", 3001, kDay, ms(20240101, 0), ms(20240201, 0));
   auto block = testkit::his_bars(id, 7, "a2501", 1, false, std::vector<ApiHisBar>{Bar(20240102, 0, 1)});
   fx_.deliver(13, block);
+  EXPECT_EQ(fx_.log().count("[[ApiHisDataRsp]]DL-0信息正初始化"), 1u);
+  fx_.mgr().age_parked(std::chrono::steady_clock::time_point::max());
   EXPECT_EQ(fx_.log().count("[[ApiHisDataRsp]]DL-0信息正初始化"), 20u);
   EXPECT_EQ(fx_.log().count("[[ApiHisDataRsp]]DL-0信息正初始化，等待1000ms后开始处理![#20]"), 1u);
   EXPECT_TRUE(logged(LOG_ERROR, "[ApiHisDataRsp]市场[DL]初始化失败，无法获取代码信息..."));
@@ -236,11 +238,10 @@ TEST_F(HistoryTest, ABlockWaitsForItsMarketAndGivesUpAfterTwentyWaits) {
 
   // A block queued before its market's initialisation waits for it, while
   // the replies behind it initialise the market.
-  fx_.mgr().set_sleeper([](int) { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
   const std::vector<ApiCodeInit> codes = {testkit::code_init("a2501", "A", 0, 10)};
   CMyCallBackPro& vendor = *fx_.mgr().callback();
   ASSERT_EQ(vendor.OnRespHisData(block.data()), 0);
-  ASSERT_TRUE(fx_.log().wait_for("[[ApiHisDataRsp]]DL-0信息正初始化，等待400ms![#1]"));
+  ASSERT_TRUE(fx_.log().wait_for("[[ApiHisDataRsp]]DL-0信息正初始化，等待400ms![#1]", 2));
   ASSERT_EQ(vendor.OnMarketInit(testkit::market_init(7, 20240919, codes).data()), 0);
   ASSERT_EQ(vendor.OnRespRefInfo(testkit::ref_info(7, codes, 0, 1).data()), 0);
   ASSERT_TRUE(fx_.mgr().wait_idle(10000));

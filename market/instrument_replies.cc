@@ -138,6 +138,7 @@ void DvDataMgr::on_reply_data(const ApiRefInfoHead* data, size_t size) {
   markets_.codes_mu.touch();
   CMyLog::PrintLog(LOG_INFO, function, "[ApiRefInfoRsp]市场[%s]的合约基础数据处理完成.....", name.c_str());
   market->ref_info_ready.store(true);
+  release_parked(*market);
 }
 
 std::string DvDataMgr::continuous_contract(int kind, const std::string& code) const {

@@ -130,6 +130,7 @@ void DvDataMgr::on_reply_data(const ApiMarketInitHead* data, size_t size) {
   }
   CMyLog::PrintLog(LOG_INFO, function, "收到市场[%s:%s]的初始化数据[%d, %d],处理完成.....", name.c_str(), desc.c_str(),
                    static_cast<int>(base_size), static_cast<int>(other_size));
+  release_parked(*market);
 }
 
 // Stock markets carry trading attributes, reference data and share capital;

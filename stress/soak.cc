@@ -421,13 +421,7 @@ int Soak::Run() {
   for (auto& t : threads) t.join();
   Idle("final drain");
   CheckVendorState();
-  // A stand-in thread serves replies while the service threads wait; give
-  // one time to leave before counting.
   int end_threads = Threads();
-  for (int i = 0; i < 20 && end_threads > base_threads; ++i) {
-    std::this_thread::sleep_for(100ms);
-    end_threads = Threads();
-  }
   end_rss = testkit::StatusKb("VmRSS");
   if (end_threads > base_threads) {
     Fault("threads grew", std::to_string(base_threads) + " after warm-up, " + std::to_string(end_threads) + " at the end");

@@ -21,6 +21,13 @@
 // That storage is left unscanned instead.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_options() { return "intercept_tls_get_addr=0"; }
 #endif
+#if defined(__SANITIZE_THREAD__)
+// glibc frees an ended detached thread's storage of a run-time loaded module
+// from another thread; the race detector sees no order between the two.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
+  return "race:_dl_deallocate_tls\n";
+}
+#endif
 
 namespace {
 
