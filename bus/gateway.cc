@@ -9,6 +9,7 @@
 
 #include "capture/catalog.h"
 #include "dataapi/record_size.h"
+#include "port/port.h"
 
 namespace bus {
 
@@ -252,7 +253,8 @@ int Gateway::on_record(int slot, const void* record) {
     log_line("gateway", std::string(capture::slot_name(slot)) + ": count out of range, record dropped");
     return -1;
   }
-  thread_local std::vector<uint8_t> encoded;
+  static port::ThreadLocal<std::vector<uint8_t>> buffers;  // reused per vendor thread
+  std::vector<uint8_t>& encoded = buffers.get();
   encode(capture::Kind::kCallback, static_cast<uint8_t>(slot), next_ns(), bytes, size, nullptr, 0, nullptr, 0, &encoded);
   std::string subject = stream_subject(settings_.name, slot, bytes, size);
   if (!subject.empty()) {

@@ -23,6 +23,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <thread>
 #include <tuple>
 #include <unordered_map>
@@ -61,6 +62,7 @@ tavr::KelQuoteClient& Lib() { return tavr::KelQuoteClient::get(); }
 // valid UTF-8.
 std::string Utf8(const std::string& gbk) {
   if (std::all_of(gbk.begin(), gbk.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) return gbk;
+  static_assert(std::is_trivially_destructible_v<iconv_t>);  // a handle per thread, never closed
   thread_local iconv_t cd = iconv_open("UTF-8", "GB18030");
   if (cd == reinterpret_cast<iconv_t>(-1)) return std::string(gbk.size(), '?');
   iconv(cd, nullptr, nullptr, nullptr, nullptr);
