@@ -364,7 +364,7 @@ TEST_F(LoginTest, StopAndStartFromInsideACallback) {
   };
   init_market();
   std::atomic<int> inside{0}, overlaps{0}, reorders{0}, calls{0}, sent{0};
-  std::atomic<bool> restarted{false}, host_stopping{false};
+  std::atomic<bool> restarted{false}, host_stopping{false}, vendor_done{false};
   int64_t last = 0;
   int id = client_.subscribeQuote(Meta("SH", "600000"), {}, "",
                                   [&](se::EQuoteSubStatus, const QuoteRecords& records, se::EDataArrivedTag) {
@@ -379,7 +379,7 @@ TEST_F(LoginTest, StopAndStartFromInsideACallback) {
       restarted = true;
       // Still inside while the vendor sends on: the new run waits for this call.
       int until = sent + 20;
-      while (sent < until) std::this_thread::yield();
+      while (sent < until && !vendor_done) std::this_thread::yield();
     } else if (call == 40) {
       while (!host_stopping) std::this_thread::yield();
       StartLogin(1);
@@ -389,7 +389,9 @@ TEST_F(LoginTest, StopAndStartFromInsideACallback) {
   ASSERT_GT(id, 0);
   std::thread vendor([&] {
     bool reinitialised = false;
-    for (int i = 0; i < 3000 && !host_stopping; ++i) {
+    // Paced, and on until the host has had its 40 calls, so that a slow
+    // machine (Wine) sees them too; times stay increasing below 4200.
+    for (int i = 0; i < 4000 && !host_stopping && (i < 3000 || calls < 40); ++i) {
       if (restarted && !reinitialised) {
         init_market();
         reinitialised = true;
@@ -397,8 +399,9 @@ TEST_F(LoginTest, StopAndStartFromInsideACallback) {
       ApiL1Tick tick = testkit::l1_tick(2, "600000", 93000 + (i / 60) * 100 + i % 60, 10.0f);
       mgr_.callback()->OnTickL1(&tick);
       ++sent;
-      std::this_thread::yield();
+      if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    vendor_done = true;
   });
   for (int i = 0; i < 1000 && calls < 40; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   auto stopped = std::async(std::launch::async, [&] {
