@@ -297,7 +297,10 @@ class DvDataMgr {
   // callback waits for them to have left (they may be waiting for it).
   // Ends the current run: true when this call ended it.
   bool end_run();
-  // Waits until every thread of an ended run has left its loop.
+  // The last step of a stop whose end_run returned true.
+  void stopped();
+  // Waits until every thread of an ended run has left its loop and every stop
+  // has released the vendor's API.
   void wait_ended_runs();
   // A service thread's entry into its run: false when the run ended before it
   // could serve. Waits until no thread of an earlier run is left (one key, one
@@ -319,6 +322,9 @@ class DvDataMgr {
   std::mutex serve_mu_;
   std::condition_variable serve_cv_;
   std::map<uint64_t, int> in_loop_;
+  // Stops between ending their run and releasing the vendor's API: the host
+  // hears of a status 2 first, and may start again or unload meanwhile.
+  int stopping_ = 0;
   uint64_t activated_run_ = 0;
   uint64_t stale_before_ = 0;  // messages pushed before the run's start are stale
   bool inited_ = false;

@@ -103,6 +103,11 @@ bool DvDataMgr::start() {
     if (!may_join()) return false;
     start_lock.lock();
   }
+  if (may_join()) {
+    // A stop still releasing the vendor's API would undo this start's connect.
+    std::unique_lock<std::mutex> lock(serve_mu_);
+    serve_cv_.wait(lock, [this] { return stopping_ == 0; });
+  }
   uint64_t run = 0;
   bool threads_run = false;
   {
@@ -136,7 +141,10 @@ bool DvDataMgr::start() {
     CMyLog::PrintLog(LOG_ERROR, "DvDataMgr::start", "ThreadId[%lu] %s API建立连接失败[%d, %d, %d]...",
                      port::CurrentThreadId(), "DvDataMgr::start", result.code, result.server,
                      result.detail);
-    if (end_run() && capture() != nullptr) capture()->end();
+    if (end_run()) {
+      if (capture() != nullptr) capture()->end();
+      stopped();
+    }
   }
   // Failed, or a stop meanwhile (the vendor giving up inside Connect) ended the run.
   if (!run_current(run)) {
@@ -183,6 +191,7 @@ bool DvDataMgr::end_run() {
   }
   queue_.wake_all();
   std::lock_guard<std::mutex> serve_lock(serve_mu_);
+  ++stopping_;
   serve_cv_.notify_all();
   return true;
 }
@@ -190,7 +199,8 @@ bool DvDataMgr::end_run() {
 void DvDataMgr::wait_ended_runs() {
   std::unique_lock<std::mutex> lock(serve_mu_);
   serve_cv_.wait(lock, [this] {
-    return in_loop_.empty() || (in_loop_.size() == 1 && run_current(in_loop_.begin()->first));
+    return stopping_ == 0 &&
+           (in_loop_.empty() || (in_loop_.size() == 1 && run_current(in_loop_.begin()->first)));
   });
 }
 
@@ -236,8 +246,17 @@ void DvDataMgr::stop_from_vendor() {
     finance_results_.clear();
   }
   markets_.clear_codes();
-  std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
-  calendar_.hk_rates.clear();
+  {
+    std::lock_guard<std::mutex> calendar_lock(calendar_.mu);
+    calendar_.hk_rates.clear();
+  }
+  stopped();
+}
+
+void DvDataMgr::stopped() {
+  std::lock_guard<std::mutex> lock(serve_mu_);
+  --stopping_;
+  serve_cv_.notify_all();
 }
 
 void DvDataMgr::push_msg(DataMsg* msg) {

@@ -30,8 +30,9 @@ for flavour in $flavours; do
   echo "== $flavour: build"
   scripts/build.sh "$flavour" -DKELQUOTE_TESTS=ON "${args[@]}"
   echo "== $flavour: test"
-  # Beside a PostgreSQL server of its own for the store's tests.
-  scripts/pg-test-server.sh bash -c "cd build/$flavour && ctest -j $jobs --output-on-failure --no-tests=error"
+  # Beside a PostgreSQL server of its own for the store's tests. Twice as
+  # many tests as cores: most of them wait on threads, servers and timers.
+  scripts/pg-test-server.sh bash -c "cd build/$flavour && ctest -j $((jobs * 2)) --output-on-failure --no-tests=error"
   # The Python package against the same build, with Debian's python3 whatever
   # PATH says; any exit but 0 (5: no tests ran) fails the run.
   if [ "$flavour" = release ]; then
