@@ -2,6 +2,7 @@
 # Builds the libFuzzer targets (clang, ASan+UBSan) into build/fuzz and runs
 # each for a bounded time from its seed corpus:
 #   scripts/fuzz.sh [seconds per target, default 20]
+#   scripts/fuzz.sh --build   only builds them
 # A crash fails the script; its input is copied to fuzz/regressions/<target>/,
 # where the normal suite replays it (fuzz_entry_test) once it is committed.
 set -euo pipefail
@@ -20,6 +21,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build" "${generator[@]}" -DCMAKE_BUILD_TYPE
   -DCMAKE_CXX_FLAGS_FUZZ="-O1 -gline-tables-only" -DKELQUOTE_SANITIZE=address -DKELQUOTE_FUZZ=ON \
   -DCMAKE_UNITY_BUILD=ON -DKELQUOTE_TESTS=OFF -DKELQUOTE_DEMO=OFF -DKELQUOTE_INSTALL=OFF >/dev/null
 cmake --build "$build" -j2 --target fuzz_config fuzz_record
+[ "$seconds" != --build ] || exit 0
 
 export TZ=CST-8
 export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=1}

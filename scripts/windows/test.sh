@@ -2,6 +2,7 @@
 # Cross-builds the project for Windows x64 into build/win64, runs the whole
 # test suite under Wine and checks the export and import tables of the DLLs.
 #   scripts/windows/test.sh [extra ctest arguments...]
+#   scripts/windows/test.sh --build   only builds
 # Installs MinGW-w64, Wine and cmake when missing and builds the Windows
 # dependencies once into ${KELQUOTE_WIN_DEPS:-$HOME/.cache/kelquote/win64-deps}.
 set -euo pipefail
@@ -16,6 +17,7 @@ scripts/windows/build-deps.sh
 echo "== win64: build"
 scripts/build.sh win64 -DCMAKE_TOOLCHAIN_FILE="$top/cmake/mingw-w64-x86_64.cmake" \
   -DKELQUOTE_TESTS=ON -DKELQUOTE_DEMO=ON -DCMAKE_UNITY_BUILD=ON
+[ "${1:-}" != --build ] || exit 0
 
 # --- export and import tables ---------------------------------------------------
 objdump=x86_64-w64-mingw32-objdump
