@@ -160,7 +160,7 @@ void DvDataMgr::history_reply(const void* data, size_t size, bool parked) {
     range = it->second;
   }
   // A non-last block counts itself out once delivered, even when a throw cuts
-  // it short, so that the last block never waits for it in vain.
+  // it short: the count is of the blocks being delivered.
   struct Delivering {
     DvDataMgr* mgr;
     uint16_t key;
@@ -190,23 +190,13 @@ void DvDataMgr::history_reply(const void* data, size_t size, bool parked) {
   Block::convert(head, static_cast<const uint8_t*>(data) + sizeof(Head), n, block, records);
 
   if (last) {
-    // The id's other blocks come before it; one still being delivered is
-    // waited for.
-    auto others_done = [this, key] {
-      std::lock_guard<std::mutex> lock(his_request_mu_);
-      auto it = his_request_infos.find(key);
-      return it == his_request_infos.end() || it->second.size() != kRecordFields || it->second[4] < 1;
-    };
-    while (!others_done()) port::SleepMs(10);
-    {
-      std::lock_guard<std::mutex> lock(his_request_mu_);
-      auto it = his_request_infos.find(key);
-      if (it != his_request_infos.end() && it->second.size() == kRecordFields) his_request_infos.erase(it);
-    }
-    client()->onRequestHistory(id, records, true);
-  } else {
-    client()->onRequestHistory(id, records, false);
+    // A request's blocks form a strand, handled one at a time in order: the
+    // other blocks of the id have been delivered.
+    std::lock_guard<std::mutex> lock(his_request_mu_);
+    auto it = his_request_infos.find(key);
+    if (it != his_request_infos.end() && it->second.size() == kRecordFields) his_request_infos.erase(it);
   }
+  client()->onRequestHistory(id, records, last);
   CMyLog::PrintLog(LOG_INFO, kFunction, texts.returned.c_str(), id, code.c_str(), name.c_str(),
                    static_cast<int>(records.size()));
 }
