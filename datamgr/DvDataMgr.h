@@ -4,7 +4,6 @@
 #ifndef KELQUOTE_DATAMGR_DVDATAMGR_H_
 #define KELQUOTE_DATAMGR_DVDATAMGR_H_
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,10 +12,9 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <memory>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dataapi/DataApi.h"
@@ -29,7 +27,6 @@
 #include "market/market_info.h"
 #include "realtime/l1_convert.h"
 #include "realtime/subscription_table.h"
-#include "port/port.h"
 #include "quoter/quoter.h"
 
 namespace tavr {
@@ -39,29 +36,21 @@ class CaptureRecorder;
 class CaptureApi;
 struct TickRoute;
 
-// One queued vendor callback. The envelope owns data, a malloc'd copy of the
-// vendor record whose layout msg_type names; size is the number of bytes
-// copied, which bounds what a handler may read.
+// One queued vendor callback: a copy of the record whose layout msg_type
+// names; size bounds what a handler may read.
 struct DataMsg {
   uint32_t msg_type = 0;
   void* data = nullptr;
   size_t size = 0;
-  // Stream key: the messages of one key are handled in order by one service
-  // thread. 0 for replies, which any service thread takes.
-  uint32_t key = 0;
-  // A reply's strand (one request's blocks): handled in order, one at a time.
-  uint32_t strand = 0;
-  uint64_t seq = 0;  // arrival number, set by the queue
-  // Payload room of a block the queue recycles; 0 when data and envelope
-  // were allocated apart (malloc and new).
-  uint32_t room = 0;
+  uint32_t key = 0;     // stream key; 0 for replies, which any service thread takes
+  uint32_t strand = 0;  // a reply's request: its blocks are handled in order, one at a time
+  uint64_t seq = 0;     // arrival number, set by the queue
+  uint32_t room = 0;    // payload room of a recycled block; 0 when malloc'd apart
 };
 
 // The failure value of 16-bit request ids (read as -1 by the client).
 constexpr uint16_t kRequestFailed = 0xFFFF;
 
-// Frees the payload (with free) and then the envelope, or the recycled
-// block that holds both.
 void free_msg(DataMsg* msg);
 
 // Service threads for a machine with the given processor count: 2 to 20.
@@ -84,22 +73,19 @@ class DvDataMgr {
   // registers the servers and the callback object. A no-op once it succeeded.
   bool init(bool isReal);
   // Starts the service threads and connects; true when connected. Once
-  // started, connects again and repeats the start-up requests with the
-  // threads that run. On a failed connect every thread is ended. Safe from
-  // any thread; from a service thread or a host callback it fails at once
-  // rather than wait for another start's Connect.
+  // started, connects again with the threads that run; a failed connect ends
+  // them. From a service thread or a host callback it fails rather than wait
+  // for another start's Connect.
   bool start();
   // Disconnects and ends every thread; true. A no-op when not started. From
   // a host thread outside every callback it returns once they have ended.
   bool stop();
 
-  // Appends a message to the queue; ownership passes to the queue. Any thread.
-  void push_msg(DataMsg* msg);
-  // A message with room for size payload bytes, to fill and push; null when
-  // memory is out. Any thread.
+  // The queue, from any thread (see MsgQueue).
+  void push_msg(DataMsg* msg) {
+    if (msg != nullptr) queue_.push(msg);
+  }
   DataMsg* alloc_msg(size_t size) { return queue_.alloc(size); }
-  // Whether the queue has room for a record of size bytes (any thread); the
-  // bytes it holds; its limit (MsgQueue::kDefaultLimit unless set).
   bool queue_admits(size_t size) const { return queue_.admit(size); }
   size_t queue_held_bytes() const { return queue_.held_bytes(); }
   void set_queue_limit(size_t bytes) { queue_.set_limit(bytes); }
@@ -114,16 +100,14 @@ class DvDataMgr {
   // The step's line alone; returns the milliseconds the step lasts.
   static int log_wait_step(int attempt, const char* function, const std::string& market, char kind);
 
-  // Routes one message to its handler. Service threads only. size bounds the
-  // bytes of data that handlers may read.
+  // Routes one message to its handler. Service threads only.
   void on_reply_data(int msg_type, void* data, size_t size);
 
   // The stream key of the message the calling thread is handling; 0 outside
   // one (a handler called directly then serves every instrument).
   static uint32_t message_key();
 
-  // Reply handlers, one per message type, each given the copied record and
-  // the number of bytes copied, which bounds what it reads.
+  // Reply handlers, one per message type; size bounds what each reads.
   void on_reply_power(const void* data, size_t size);
   void on_reply_data(const ApiMarketInitHead* data, size_t size);
   void on_reply_data(const ApiMarketStatus* data, size_t size);
@@ -165,8 +149,7 @@ class DvDataMgr {
   bool init_cfg(bool isReal);
   const ServerTable& server_table() const { return servers_; }
 
-  // Connection state.
-  void set_connected(bool connected);
+  void set_connected(bool connected) { connected_.store(connected, std::memory_order_release); }
   // The reaction to the vendor's connection report, on the vendor's thread.
   void on_connect_status(int server, int status);
   // The vendor gave up: stops without waiting for any thread.
@@ -224,25 +207,21 @@ class DvDataMgr {
   MarketTable& markets() { return markets_; }
   Calendar& calendar() { return calendar_; }
   int thread_count() const { return thread_count_.load(); }
-  bool timer_started() const { return timer_started_.load(); }
 
-  // --- Seams for embedding and tests; none is needed in production. ---
-  // Uses api instead of GetApiInstance(); call before init.
+  // --- Seams for embedding and tests. ---
+  // Instead of GetApiInstance(); call before init.
   void set_api(CDataApi* api) { api_ = api; }
-  // Overrides the clock (seconds since the epoch) of the daily job and of
-  // history requests, and the daily job's wake-up period.
+  // The clock (seconds since the epoch) of the daily job and of history requests.
   void set_clock(std::function<double()> clock) { clock_ = std::move(clock); }
   void set_timer_period_ms(int ms) { timer_period_ms_ = ms; }
-  // Replaces the sleep of waitDynamicTime (milliseconds), so that waits can be
-  // shortened.
+  // Instead of waitDynamicTime's sleep (milliseconds).
   void set_sleeper(std::function<void(int)> sleeper) { sleeper_ = std::move(sleeper); }
-  // Overrides the processor count that sizes the service pool.
   void set_processor_count(int n) { processors_ = n; }
   // Called on the service thread with every message just before dispatch.
   void set_message_hook(std::function<void(uint32_t, void*, size_t)> hook) { message_hook_ = std::move(hook); }
   // Waits until every queued message has been handled; false on time-out.
   bool wait_idle(int timeout_ms);
-  size_t queue_size() const;
+  size_t queue_size() const { return queue_.size(); }
   // Logs the wait steps of parked history blocks that came due by now and
   // drops the blocks whose waits ran out; the time of the next step due, or
   // max() when none is. The timer thread calls it as steps come due.
@@ -254,13 +233,11 @@ class DvDataMgr {
   // looked up into scratch; null after its line when the market or the
   // instrument is missing or the market initialising.
   const TickRoute* l1_route(uint8_t market_id, const std::string& code, TickRoute& scratch);
-  // Handles msg and, when it belongs to a strand, the strand's messages
-  // that queued up meanwhile.
+  // Handles msg and then its strand's messages that queued up meanwhile.
   void handle_chain(int server, DataMsg* msg);
   void timer_loop(uint64_t run);
   void handle_msg(int server, DataMsg* msg);
   void start_timer_thread();
-  void end_timer_thread();
   void seed_markets();
   // Reads the capture setting; when it is on, requests go through a recorder.
   void init_capture();
@@ -288,13 +265,12 @@ class DvDataMgr {
   // Milliseconds since the request id was sent, 0 when unknown.
   double since_sent(uint16_t id);
 
-  // Lifecycle. A run is one start's service and timer threads; a service
-  // thread serves while its run is current_run_. lifecycle_mu_ guards the run
-  // fields and is never held across a vendor call or a wait for threads, so
-  // that start and stop are safe from a host thread, from inside any host
-  // callback and from the vendor's thread. An ended run's threads are
-  // detached and leave on their own; only a host thread outside every
-  // callback waits for them to have left (they may be waiting for it).
+  // Lifecycle. A run is one start's service and timer threads; they serve
+  // while their run is current_run_. lifecycle_mu_ is never held across a
+  // vendor call or a wait for threads, so that start and stop are safe from
+  // any thread. An ended run's threads are detached and leave on their own;
+  // only a host thread outside every callback waits for them (they may be
+  // waiting for it).
   // Ends the current run: true when this call ended it.
   bool end_run();
   // The last step of a stop whose end_run returned true.
@@ -345,17 +321,12 @@ class DvDataMgr {
   std::mutex timer_mu_;
   std::condition_variable timer_cv_;
   ThreadHandle timer_thread_ = nullptr;
-  std::atomic<int> timer_started_{0};
-
-  std::mutex connected_mu_;
   std::atomic<bool> connected_{false};
 
   MsgQueue queue_;
-  int next_shard_ = 0;  // hands each service thread its shard; under lifecycle_mu_
 
-  // Messages handled per server (the last slot counts those dropped
-  // unhandled), against those the queue took, for wait_idle. Apart, so that
-  // each service thread counts on a cache line of its own.
+  // Messages handled per server, each on a line of its own (the last slot
+  // counts those dropped unhandled), against those pushed, for wait_idle.
   struct alignas(64) Count {
     std::atomic<int64_t> value{0};
   };

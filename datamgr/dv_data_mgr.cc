@@ -25,6 +25,12 @@ thread_local uint32_t t_message_key = 0;
 // The run the calling service thread belongs to.
 thread_local uint64_t t_run = 0;
 
+struct ServiceArgs {
+  DvDataMgr* mgr;
+  uint64_t run;
+  int server;
+};
+
 }  // namespace
 
 bool daily_job_due(int64_t now, int last_date) {
@@ -61,16 +67,6 @@ void DvDataMgr::seed_markets() {
   markets_.add_market("HK", 20141117, 20161205);
   calendar_.reset();
 }
-
-namespace {
-
-struct ServiceArgs {
-  DvDataMgr* mgr;
-  uint64_t run;
-  int server;
-};
-
-}  // namespace
 
 bool DvDataMgr::init(bool isReal) {
   std::lock_guard<std::mutex> lock(init_mu_);
@@ -259,13 +255,6 @@ void DvDataMgr::stopped() {
   serve_cv_.notify_all();
 }
 
-void DvDataMgr::push_msg(DataMsg* msg) {
-  if (msg == nullptr) return;
-  queue_.push(msg);
-}
-
-size_t DvDataMgr::queue_size() const { return queue_.size(); }
-
 void DvDataMgr::handle_msg(int server, DataMsg* msg) {
   CMyLog::PrintLog(LOG_DEBUG, "DvDataMgr::DataServiceThread",
                    "数据服务线程 处理消息包,数据指针地址为%p...", msg->data);
@@ -300,12 +289,8 @@ void DvDataMgr::handle_chain(int server, DataMsg* msg) {
 }
 
 unsigned DvDataMgr::DataServiceThread(void* arg) {
-  auto* args = static_cast<ServiceArgs*>(arg);
-  DvDataMgr* self = args->mgr;
-  uint64_t run = args->run;
-  int server = args->server;
-  delete args;
-  self->service_loop(run, server);
+  std::unique_ptr<ServiceArgs> args(static_cast<ServiceArgs*>(arg));
+  args->mgr->service_loop(args->run, args->server);
   return 0;
 }
 
@@ -356,17 +341,13 @@ bool DvDataMgr::wait_idle(int timeout_ms) {
 }
 
 unsigned DvDataMgr::TimerTaskThread(void* arg) {
-  auto* args = static_cast<ServiceArgs*>(arg);
-  DvDataMgr* self = args->mgr;
-  uint64_t run = args->run;
-  delete args;
-  self->timer_loop(run);
-  self->leave_run(run);
+  std::unique_ptr<ServiceArgs> args(static_cast<ServiceArgs*>(arg));
+  args->mgr->timer_loop(args->run);
+  args->mgr->leave_run(args->run);
   return 0;
 }
 
 void DvDataMgr::timer_loop(uint64_t run) {
-  timer_started_.store(1);
   CMyLog::PrintLog(LOG_INFO, "DvDataMgr::TimerTaskThread", "Daily job thread start......");
   int last_date = -1;
   using Clock = std::chrono::steady_clock;
@@ -412,11 +393,6 @@ int DvDataMgr::log_wait_step(int attempt, const char* function, const std::strin
 void DvDataMgr::waitDynamicTime(int attempt, const char* function, const std::string& market, char kind) {
   int ms = log_wait_step(attempt, function, market, kind);
   sleeper_ ? sleeper_(ms) : port::SleepMs(ms);
-}
-
-void DvDataMgr::set_connected(bool connected) {
-  std::lock_guard<std::mutex> lock(connected_mu_);
-  connected_.store(connected, std::memory_order_release);
 }
 
 }  // namespace tavr

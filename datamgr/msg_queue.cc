@@ -271,7 +271,7 @@ DataMsg* MsgQueue::activate(int n, uint64_t stale_before) {
   busy_strands_.clear();
   replies_depth_.store(0);
   std::sort(left.begin(), left.end(), [](const DataMsg* a, const DataMsg* b) { return a->seq < b->seq; });
-  n = std::clamp(n, 1, kMaxShards);
+  n = std::clamp(n, 1, kMaxServers);
   active_.store(n, std::memory_order_release);
   DataMsg* oldest = nullptr;
   for (DataMsg* msg : left) {

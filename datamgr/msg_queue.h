@@ -36,8 +36,7 @@ struct DataMsg;
 
 class MsgQueue {
  public:
-  static constexpr int kMaxShards = 20;
-  static constexpr int kMaxServers = kMaxShards;
+  static constexpr int kMaxServers = 20;
 
   MsgQueue();
   ~MsgQueue();  // frees whatever is still queued
