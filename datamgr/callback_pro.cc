@@ -17,8 +17,7 @@ namespace tavr {
 
 namespace {
 
-
-// name, slot, type, shape, head, elem, count offset, u16, u32, spare byte(s)
+// name, slot, message type, record layout, spare bytes, stream key
 constexpr CopyRule kMarketInit{"CMyCallBackPro::OnMarketInit", 0, 0, api_record::layout(0), 1};
 constexpr CopyRule kOtherBase{"CMyCallBackPro::OnMarketOtherBase", 1, 1, api_record::layout(1), 1};
 constexpr CopyRule kRefInfo{"CMyCallBackPro::OnRespRefInfo", 2, 3, api_record::layout(2), 1};
@@ -206,23 +205,17 @@ int CMyCallBackPro::OnRespNegotiableShareHolderData(const void* r) { return Queu
 
 // The record is read for the log before it is queued: once queued, the copy
 // belongs to a service thread.
-int CMyCallBackPro::OnRespHisTickKcbData(const void* r) {
+int CMyCallBackPro::QueueHisTicks(const CopyRule& rule, const void* r, const char* text) {
   int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;
   char code[49] = {};
   if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
-  int rc = Queue(kTickKcb, r);
-  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kTickKcb.name, "收到tick stib 数据[%s][%d]...", code, id);
+  int rc = Queue(rule, r);
+  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, rule.name, text, code, id);
   return rc;
 }
 
-int CMyCallBackPro::OnRespL1HisTickData(const void* r) {
-  int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;
-  char code[49] = {};
-  if (r != nullptr) std::memcpy(code, static_cast<const char*>(r) + 6, sizeof(code) - 1);
-  int rc = Queue(kL1HisTick, r);
-  if (rc == 0) CMyLog::PrintLog(LOG_TRACE, kL1HisTick.name, "收到tick new 数据[%s][%d]...", code, id);
-  return rc;
-}
+int CMyCallBackPro::OnRespHisTickKcbData(const void* r) { return QueueHisTicks(kTickKcb, r, "收到tick stib 数据[%s][%d]..."); }
+int CMyCallBackPro::OnRespL1HisTickData(const void* r) { return QueueHisTicks(kL1HisTick, r, "收到tick new 数据[%s][%d]..."); }
 
 int CMyCallBackPro::OnRespMarketPushData(const void* r) {
   int16_t id = r != nullptr ? api_record::read_at<int16_t>(r, 0) : 0;

@@ -95,6 +95,8 @@ class CMyCallBackPro : public CDataApiCallBack {
   // Queues one copy of msg's record per further instrument of a level-2
   // message, each keyed by its instrument; msg itself keeps the first.
   void QueueOtherInstruments(const CopyRule& rule, const DataMsg& msg);
+  // Queue for a history tick block, traced with its code and request id.
+  int QueueHisTicks(const CopyRule& rule, const void* record, const char* text);
   // Counts a record the full queue refused, and says so at most once a
   // second while refusals last.
   void Dropped(const CopyRule& rule);
