@@ -29,8 +29,6 @@ void HandleRaw(DvDataMgr& mgr, const void* data, size_t size) {
   (mgr.*Member)(data, size);
 }
 
-void HandlePower(DvDataMgr& mgr, const void* data, size_t size) { mgr.on_reply_power(data, size); }
-
 struct Entry {
   Route route = Route::kInvalid;
   Handler handler = nullptr;
@@ -62,7 +60,7 @@ static const std::array<Entry, kMaxType + 1>& RouteTable() {
     t[12] = {Route::kHandler, &Handle<ApiHisTickKcbResp>};
     t[13] = {Route::kHandler, &Handle<ApiHisDataRsp>};
     t[15] = {Route::kHandler, &Handle<ApiHolidayHead>};
-    t[16] = {Route::kHandler, &HandlePower};
+    t[16] = {Route::kHandler, &HandleRaw<&DvDataMgr::on_reply_power>};
     t[24] = {Route::kHandler, &Handle<ApiSharedFields>};
     t[25] = {Route::kHandler, &Handle<ApiNewIssueHead>};
     t[31] = {Route::kHandler, &Handle<ApiHKRateHead>};
