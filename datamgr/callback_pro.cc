@@ -101,7 +101,7 @@ int CMyCallBackPro::Queue(const CopyRule& rule, const void* record) {
     CMyLog::PrintLog(LOG_ERROR, rule.name, "Null record, dropped...");
     return -1;
   }
-  size_t size = copy_size(rule, record);
+  size_t size = api_record::size(rule.layout, record);  // 0 beyond api_record::kMaxBytes
   if (size == 0) {
     CMyLog::PrintLog(LOG_ERROR, rule.name, "Record count[%lld] out of range, dropped...",
                      static_cast<long long>(api_record::count(rule.layout, record)));

@@ -42,10 +42,6 @@ uint32_t level2_record_key(const void* record);
 // The strand of a copied reply: one per request id, 0 for none.
 uint32_t strand_of(CopyRule::Key kind, const void* block, size_t size);
 
-// The number of bytes to copy from record under rule; 0 when the count is
-// beyond api_record::kMaxBytes.
-inline size_t copy_size(const CopyRule& rule, const void* record) { return api_record::size(rule.layout, record); }
-
 class CMyCallBackPro : public CDataApiCallBack {
  public:
   explicit CMyCallBackPro(DvDataMgr* mgr) : mgr_(mgr) {}

@@ -1,8 +1,6 @@
 #include "datamgr/DvDataMgr.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <exception>
 
 #include "capture/capture_api.h"
 #include "client/host_call.h"
