@@ -211,9 +211,7 @@ bool MsgQueue::has_work(const Server& server) const {
   return server.depth.load(std::memory_order_seq_cst) != 0 || replies_depth_.load(std::memory_order_seq_cst) != 0;
 }
 
-void MsgQueue::wait(int index) { wait_for(index, -1); }
-
-void MsgQueue::wait_for(int index, int ms) {
+void MsgQueue::wait(int index) {
   Server& server = servers_[index];
   // About 50 us: longer than the gap between messages of a busy stream, far
   // shorter than a quiet one's; the pause keeps the spin off the scheduler.
@@ -233,13 +231,7 @@ void MsgQueue::wait_for(int index, int ms) {
     server.freed = 0;
   }
   server.sleeping.store(true, std::memory_order_seq_cst);
-  if (!has_work(server)) {
-    if (ms < 0) {
-      server.sem.Acquire();
-    } else {
-      server.sem.AcquireFor(std::chrono::milliseconds(ms));
-    }
-  }
+  if (!has_work(server)) server.sem.Acquire();
   server.sleeping.store(false, std::memory_order_relaxed);
 }
 
