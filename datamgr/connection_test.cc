@@ -127,6 +127,20 @@ TEST_F(ConnectionTest, AFailureReportedDuringConnectStopsWithoutWaiting) {
   mgr_.stop();
 }
 
+// The host hears of a status 2 before the stop releases the vendor's API; a
+// login it starts at once must not be undone by that release.
+TEST_F(ConnectionTest, AStartRightAfterAFailureWaitsForItsStop) {
+  Start();
+  api_.set_delay("Release", 300000);
+  std::thread vendor([this] { mgr_.on_connect_status(0, 2); });
+  while (api_.count("Release") == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(mgr_.start());
+  EXPECT_TRUE(mgr_.is_connected());
+  vendor.join();
+  EXPECT_TRUE(mgr_.is_connected());
+  mgr_.stop();
+}
+
 TEST_F(ConnectionTest, GateWaitsThroughALossAndARestore) {
   Start();
   mgr_.on_connect_status(0, 0);
