@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "bus/wire.h"
-#include "dataapi/DataApi.h"
+#include "dataapi/numbered_api.h"
 
 namespace busapi {
 
@@ -39,7 +39,7 @@ struct BusStats {
   int64_t lost;        // of them, not found in the stream either
 };
 
-class BusApi final : public CDataApi {
+class BusApi final : public NumberedApi {
  public:
   BusApi() = default;
   ~BusApi();
@@ -57,41 +57,7 @@ class BusApi final : public CDataApi {
   const char* GetVersion() override { return "kelquote bus service 1.0"; }
   int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) override;
   int Connect(ConnectResult* result) override;
-  int ReqMarketInit(int32_t id) override { return request(4, &id, sizeof(id)); }
-  int ReqMarketStatus(int32_t id) override { return request(5, &id, sizeof(id)); }
-  int ReqBaseData() override { return request(6, nullptr, 0); }
-  int SubscribeL1(const ApiCodeItem* items, int32_t n) override { return subscribe(7, items, n); }
-  int UnsubscribeL1(const ApiCodeItem* items, int32_t n) override { return subscribe(8, items, n); }
-  int SubscribeL2(const ApiCodeItem* items, int32_t n) override { return subscribe(9, items, n); }
-  int UnsubscribeL2(const ApiCodeItem* items, int32_t n) override { return subscribe(10, items, n); }
-  int ReqMarketOtherBase(int32_t id) override { return request(11, &id, sizeof(id)); }
-  int ReqRefInfo(int32_t id) override { return request(12, &id, sizeof(id)); }
-  int ReqLatestShare(int32_t id) override { return request(13, &id, sizeof(id)); }
-  int ReqHoliday(int32_t kind) override { return request(14, &kind, sizeof(kind)); }
-  int ReqHKRate(const HKRateRequest* r) override { return record(15, r); }
-  int ReqHisData(const HisBarRequest* r) override { return record(16, r); }
-  int ReqHisDataCount(const HisBarRequest* r) override { return record(17, r); }
-  int ReqL1NewHisTick(const HisTickRequest* r) override { return record(18, r); }
-  int ReqHisTickKcb(const HisTickRequest* r) override { return record(19, r); }
-  int ReqPower(const ApiCodeItem* r) override { return record(20, r); }
-  int ReqHotListDef() override { return request(21, nullptr, 0); }
-  int ReqHotListData(int32_t id) override { return request(22, &id, sizeof(id)); }
-  int ReqHotList(int32_t id) override { return request(23, &id, sizeof(id)); }
-  int ReqScanner(int32_t id) override { return request(24, &id, sizeof(id)); }
-  int ReqSharedFields() override { return request(25, nullptr, 0); }
-  int ReqNewIssueList(int32_t id) override { return request(26, &id, sizeof(id)); }
-  int ReqShareData(const FinanceRequest* r) override { return record(27, r); }
-  int ReqIndustryData(const FinanceRequest* r) override { return record(28, r); }
-  int ReqFinancialData(const FinanceRequest* r) override { return record(29, r); }
-  int ReqIncomeStatement(const FinanceRequest* r) override { return record(30, r); }
-  int ReqCashFlowStatement(const FinanceRequest* r) override { return record(31, r); }
-  int ReqBalanceSheet(const FinanceRequest* r) override { return record(32, r); }
-  int ReqSHNumber(const FinanceRequest* r) override { return record(33, r); }
-  int ReqMostShareHolder(const FinanceRequest* r) override { return record(34, r); }
-  int ReqNegotiableShareHolder(const FinanceRequest* r) override { return record(35, r); }
   int Release() override;
-  int SubscribeMarketPush(const ApiMarketItem* item) override { return subscribe_market(54, item); }
-  int UnsubscribeMarketPush(const ApiMarketItem* item) override { return subscribe_market(55, item); }
 
  private:
   // One subscribed subject (or level-2 pattern) and what came on it.
@@ -115,10 +81,9 @@ class BusApi final : public CDataApi {
     std::map<std::string, bus::Assembly> assemblies;  // by subject
   };
 
-  template <typename T>
-  int record(uint8_t op, const T* r) {
-    return request(op, r, r != nullptr ? sizeof(T) : 0);
-  }
+  int Request(uint8_t op, const void* bytes, size_t size) override { return request(op, bytes, size); }
+  int Items(uint8_t op, const ApiCodeItem* items, int32_t count) override { return subscribe(op, items, count); }
+  int MarketPush(uint8_t op, const ApiMarketItem* item) override { return subscribe_market(op, item); }
   int request(uint8_t op, const void* bytes, size_t size, std::vector<uint8_t>* filled = nullptr);
   // Says hello to the gateway of requests tied to no market (greet: of a
   // route, a market or kCommonRoute): its result; remembers when it answered.

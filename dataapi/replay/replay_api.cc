@@ -128,7 +128,7 @@ long ReplayApi::match(uint8_t op, const uint8_t* bytes, size_t size) {
   return -1;
 }
 
-int ReplayApi::request(uint8_t op, const void* bytes, size_t size) {
+int ReplayApi::Request(uint8_t op, const void* bytes, size_t size) {
   const auto* asked = static_cast<const uint8_t*>(bytes);
   std::lock_guard<std::mutex> lock(mu_);
   long index = loaded_ ? match(op, asked, size) : -1;
@@ -190,7 +190,7 @@ int ReplayApi::Connect(ConnectResult* result) {
 }
 
 int ReplayApi::Release() {
-  int rc = request(capture::kRelease, nullptr, 0);
+  int rc = Request(capture::kRelease, nullptr, 0);
   stop_player();
   return rc < 0 ? 0 : rc;
 }

@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "capture/capture_file.h"
-#include "dataapi/DataApi.h"
+#include "dataapi/numbered_api.h"
 
 namespace replay {
 
-class ReplayApi final : public CDataApi {
+class ReplayApi final : public NumberedApi {
  public:
   ReplayApi() = default;
   ~ReplayApi();
@@ -50,41 +50,7 @@ class ReplayApi final : public CDataApi {
   const char* GetVersion() override { return "kelquote replay service 1.0"; }
   int RegisterServer(const ServerTable* servers, CDataApiCallBack* callback) override;
   int Connect(ConnectResult* result) override;
-  int ReqMarketInit(int32_t id) override { return request(4, &id, sizeof(id)); }
-  int ReqMarketStatus(int32_t id) override { return request(5, &id, sizeof(id)); }
-  int ReqBaseData() override { return request(6, nullptr, 0); }
-  int SubscribeL1(const ApiCodeItem* items, int32_t n) override { return request_items(7, items, n); }
-  int UnsubscribeL1(const ApiCodeItem* items, int32_t n) override { return request_items(8, items, n); }
-  int SubscribeL2(const ApiCodeItem* items, int32_t n) override { return request_items(9, items, n); }
-  int UnsubscribeL2(const ApiCodeItem* items, int32_t n) override { return request_items(10, items, n); }
-  int ReqMarketOtherBase(int32_t id) override { return request(11, &id, sizeof(id)); }
-  int ReqRefInfo(int32_t id) override { return request(12, &id, sizeof(id)); }
-  int ReqLatestShare(int32_t id) override { return request(13, &id, sizeof(id)); }
-  int ReqHoliday(int32_t kind) override { return request(14, &kind, sizeof(kind)); }
-  int ReqHKRate(const HKRateRequest* r) override { return request_record(15, r); }
-  int ReqHisData(const HisBarRequest* r) override { return request_record(16, r); }
-  int ReqHisDataCount(const HisBarRequest* r) override { return request_record(17, r); }
-  int ReqL1NewHisTick(const HisTickRequest* r) override { return request_record(18, r); }
-  int ReqHisTickKcb(const HisTickRequest* r) override { return request_record(19, r); }
-  int ReqPower(const ApiCodeItem* r) override { return request_record(20, r); }
-  int ReqHotListDef() override { return request(21, nullptr, 0); }
-  int ReqHotListData(int32_t id) override { return request(22, &id, sizeof(id)); }
-  int ReqHotList(int32_t id) override { return request(23, &id, sizeof(id)); }
-  int ReqScanner(int32_t id) override { return request(24, &id, sizeof(id)); }
-  int ReqSharedFields() override { return request(25, nullptr, 0); }
-  int ReqNewIssueList(int32_t id) override { return request(26, &id, sizeof(id)); }
-  int ReqShareData(const FinanceRequest* r) override { return request_record(27, r); }
-  int ReqIndustryData(const FinanceRequest* r) override { return request_record(28, r); }
-  int ReqFinancialData(const FinanceRequest* r) override { return request_record(29, r); }
-  int ReqIncomeStatement(const FinanceRequest* r) override { return request_record(30, r); }
-  int ReqCashFlowStatement(const FinanceRequest* r) override { return request_record(31, r); }
-  int ReqBalanceSheet(const FinanceRequest* r) override { return request_record(32, r); }
-  int ReqSHNumber(const FinanceRequest* r) override { return request_record(33, r); }
-  int ReqMostShareHolder(const FinanceRequest* r) override { return request_record(34, r); }
-  int ReqNegotiableShareHolder(const FinanceRequest* r) override { return request_record(35, r); }
   int Release() override;
-  int SubscribeMarketPush(const ApiMarketItem* item) override { return request_record(54, item); }
-  int UnsubscribeMarketPush(const ApiMarketItem* item) override { return request_record(55, item); }
 
  private:
   struct Event {
@@ -99,14 +65,7 @@ class ReplayApi final : public CDataApi {
 
   // Matches a request of the library to the first recorded one not yet
   // matched: its recorded result, or -1 when none matches.
-  int request(uint8_t op, const void* bytes, size_t size);
-  template <typename T>
-  int request_record(uint8_t op, const T* record) {
-    return request(op, record, record != nullptr ? sizeof(T) : 0);
-  }
-  int request_items(uint8_t op, const ApiCodeItem* items, int32_t count) {
-    return request(op, items, items != nullptr && count > 0 ? sizeof(ApiCodeItem) * static_cast<size_t>(count) : 0);
-  }
+  int Request(uint8_t op, const void* bytes, size_t size) override;
   // Callers hold mu_: the index of the matching recorded request, or -1.
   long match(uint8_t op, const uint8_t* bytes, size_t size);
   void stop_player();
