@@ -197,13 +197,15 @@ DataMsg* MsgQueue::take(int index) {
     if (server.depth.load(std::memory_order_acquire) == 0) return nullptr;
     // Everything queued at once: the vendor's thread meets this lock once a
     // batch, not once a message.
+    // depth counts what the vendor's side left for the next swap, so the
+    // line it shares with the vendor's thread is written once a batch.
     std::lock_guard<std::mutex> lock(server.mu);
     server.taken.swap(server.messages);
     if (server.taken.empty()) return nullptr;
+    server.depth.fetch_sub(server.taken.size(), std::memory_order_relaxed);
   }
   DataMsg* msg = server.taken.front();
   server.taken.pop_front();
-  server.depth.fetch_sub(1, std::memory_order_relaxed);
   return msg;
 }
 

@@ -73,6 +73,7 @@ class MsgQueue {
   // be running. Returns the oldest message when it was pushed before number
   // stale_before (left from an earlier run), taken out; else null.
   DataMsg* activate(int n, uint64_t stale_before);
+  // Messages queued and not yet taken by a service thread.
   size_t size() const;
   uint64_t pushed() const { return seq_.load(); }
 
