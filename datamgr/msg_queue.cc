@@ -197,11 +197,14 @@ DataMsg* MsgQueue::take(int index) {
     if (server.depth.load(std::memory_order_acquire) == 0) return nullptr;
     // Everything queued at once: the vendor's thread meets this lock once a
     // batch, not once a message.
-    // depth counts what the vendor's side left for the next swap, so the
-    // line it shares with the vendor's thread is written once a batch.
-    std::lock_guard<std::mutex> lock(server.mu);
-    server.taken.swap(server.messages);
+    {
+      std::lock_guard<std::mutex> lock(server.mu);
+      server.taken.swap(server.messages);
+    }
     if (server.taken.empty()) return nullptr;
+    // Once a batch, not once a message: the line is the vendor's thread's
+    // too. Only this thread waits on depth, and it has counted out its batch
+    // before it looks again.
     server.depth.fetch_sub(server.taken.size(), std::memory_order_relaxed);
   }
   DataMsg* msg = server.taken.front();
