@@ -137,6 +137,9 @@ class DvDataMgr {
   // lock: 0 when the code is unknown, else find_code's table number.
   int instrument_view(const MarketInfo& market, const std::string& code, InstrumentView& view,
                       std::shared_ptr<BaseCodeInfo>* record = nullptr);
+  // As instrument_view, for a caller that holds markets().codes_mu.
+  static int instrument_view_locked(const MarketInfo& market, const std::string& code, InstrumentView& view,
+                                    std::shared_ptr<BaseCodeInfo>* record = nullptr);
 
   // Instrument lookup: 1 when code is in the market's base_codes, 2 in its
   // other_codes, 0 in neither. The caller holds markets().codes_mu.

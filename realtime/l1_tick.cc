@@ -17,6 +17,11 @@ const char kFunction[] = "DvDataMgr::on_reply_data";
 int DvDataMgr::instrument_view(const MarketInfo& market, const std::string& code, InstrumentView& view,
                                std::shared_ptr<BaseCodeInfo>* record) {
   std::lock_guard<std::mutex> lock(markets_.codes_mu.read_only());
+  return instrument_view_locked(market, code, view, record);
+}
+
+int DvDataMgr::instrument_view_locked(const MarketInfo& market, const std::string& code, InstrumentView& view,
+                                      std::shared_ptr<BaseCodeInfo>* record) {
   std::shared_ptr<BaseCodeInfo> info;
   int where = find_code(market, code, info);
   if (where == 0) return 0;

@@ -1,5 +1,6 @@
 // Whole-market packages: every snapshot of a market in one message.
 #include <cstring>
+#include <mutex>
 
 #include "datamgr/DvDataMgr.h"
 #include "kelquote/KelQuoteClient.h"
@@ -40,7 +41,15 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
   const bool stocks = name == "SH" || name == "SZ";
   QuoteMap primary, secondary;
   size_t available = reply.available(count);
+  // The instrument table's lock is taken once per group of records, not per
+  // record, and never held across the host's call below.
+  constexpr size_t kLookupsPerLock = 64;
+  std::unique_lock<std::mutex> codes_lock(markets_.codes_mu.read_only(), std::defer_lock);
   for (size_t i = 0; i < available; ++i) {
+    if (i % kLookupsPerLock == 0) {
+      if (codes_lock.owns_lock()) codes_lock.unlock();
+      codes_lock.lock();
+    }
     bool initialised = market->initialised.load(std::memory_order_acquire);
     bool available_flag = market->ref_info_ready.load(std::memory_order_acquire);
     if (!initialised || !available_flag) {
@@ -51,7 +60,7 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
     ApiL1Tick tick = reply.item(i);
     std::string code = field_text(tick.code);
     InstrumentView view;
-    int where = instrument_view(*market, code, view);
+    int where = instrument_view_locked(*market, code, view);
     if (where == 0) {
       CMyLog::PrintLog(LOG_ERROR, kFunction, "[ApiMarketPushResp] Code %s.%s not exist...", code.c_str(),
                        name.c_str());
@@ -78,6 +87,7 @@ void DvDataMgr::on_reply_data(const ApiMarketPushHead* data, size_t size) {
                      name.c_str(), where);
   }
 
+  if (codes_lock.owns_lock()) codes_lock.unlock();
   KelQuoteClient* host = client();
   if (!primary.empty()) {
     short serial = static_cast<short>(market_id);
